@@ -1,0 +1,72 @@
+// The dial profile "/var/wan/<ifname>/config": one "key = value" per line.
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "core/core.h"
+#include "core/paths.h"
+#include "log/log.h"
+
+wan_profile_t wan_profile;
+
+namespace {
+
+template <size_t N>
+void copy_value(char (&field)[N], const char* value, size_t limit) {
+  snprintf(field, N, "%.*s", static_cast<int>(limit), value);
+}
+
+// Keys are tested in this order as substrings; the first one found decides.
+void profile_parse_line(const char* line) {
+  const char* value = nullptr;
+  auto found = [&](const char* key) {
+    const char* at = strstr(line, key);
+    if (at == nullptr) return false;
+    value = at + strlen(key);
+    return true;
+  };
+  if (found("username = ")) {
+    copy_value(wan_profile.username, value, 64);
+  } else if (found("password = ")) {
+    copy_value(wan_profile.password, value, 64);
+  } else if (found("dial_mode = ")) {
+    copy_value(wan_profile.dial_mode, value, 15);
+  } else if (found("auth = ")) {
+    wan_profile.auth = static_cast<uint32_t>(atoi(value));
+  } else if (found("idletime = ")) {
+    wan_profile.idletime = static_cast<uint32_t>(atoi(value));
+  } else if (found("dialnumber = ")) {
+    copy_value(wan_profile.dialnumber, value, 64);
+  } else if (found("setapn = ")) {
+    copy_value(wan_profile.apn, value, 64);
+  } else if (found("setip = ")) {
+    copy_value(wan_profile.ip, value, 15);
+  } else if (found("mru = ")) {
+    wan_profile.mru = static_cast<uint32_t>(atoi(value));
+  }
+}
+
+}  // namespace
+
+int get_curr_profile() {
+  snprintf(g_acProfilepath, sizeof g_acProfilepath, wds_paths::kWanConfigFmt, g_acIfname);
+  printf("\ng_acProfilepath=[%s]\n", g_acProfilepath);
+  if (access(g_acProfilepath, F_OK) != 0) return -1;
+
+  FILE* file = fopen(g_acProfilepath, "r");
+  if (file == nullptr) {
+    MAIN_ERROR("get_curr_profile : open profile err.");
+    return -1;
+  }
+  // A longer line arrives in pieces of up to 255 characters, each a line.
+  char line[256];
+  while (fgets(line, sizeof line, file) != nullptr) {
+    size_t len = strlen(line);
+    if (len > 0 && line[len - 1] == '\n') line[len - 1] = '\0';
+    profile_parse_line(line);
+  }
+  fclose(file);
+  return 0;
+}

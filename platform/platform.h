@@ -1,0 +1,38 @@
+// Stand-ins for the gateway's platform library: message bus, command runner,
+// AT response parser.
+#pragma once
+#include <cstdint>
+
+// ---- Message bus ---------------------------------------------------------
+// Each peer binds the abstract Unix datagram address "\0zun_msg/<name>", so
+// every network namespace has its own bus. A datagram is a zun_msg_header
+// followed by `len` payload bytes.
+inline constexpr char kZunMsgAddrPrefix[] = "zun_msg/";
+inline constexpr int kZunMsgNameSize = 32;
+inline constexpr int kZunMsgMaxPayload = 4096;
+struct zun_msg_header {
+  char sender[kZunMsgNameSize];  // NUL-padded bus name of the sender
+  uint32_t type;
+  uint32_t len;
+};
+
+int ZUN_MSG_Init(const char* name);
+int ZUN_MSG_SendMsgData(const char* receiver, uint32_t type, const void* data, uint32_t len);
+
+// ---- Command runner -----------------------------------------------------------
+// Runs "/bin/sh -c cmd" with a clean signal state and only descriptors 0-2;
+// waits a bounded time for it so sequences keep their order; never leaves a
+// zombie. Returns 0 when the command was started, -1 otherwise.
+int ZUN_UTIL_ExecCmdNoHang(const char* cmd);
+
+// ---- AT response parser -----------------------------------------------------
+struct at_cmd_field {
+  char* name;
+  char* value;  // may be null
+  at_cmd_field* next;
+};
+// Finds the line of `text` that carries `prefix` and names its values; with
+// selector 9 the names are those of the "^DHCP" reply. Leaves an empty list
+// for text it cannot parse. Returns the number of fields, or -1.
+int at_cmd_parse(at_cmd_field** head, const char* prefix, const char* text, int selector, int flags);
+void free_at_cmd(at_cmd_field* head);
