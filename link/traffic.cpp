@@ -1,10 +1,150 @@
-// Placeholder until the traffic counters land: counters cannot be read.
+// Traffic counters of the interface from /proc/net/dev, the demand-dial
+// traffic check, and the driver probe sent once the link is configured.
+#include <net/if.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <linux/sockios.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "core/core.h"
+#include "core/paths.h"
 #include "link/link.h"
 
 int g_demand_started = 0;
 int32_t g_demand_hits = 0;
 uint32_t g_demand_last_tx = 0;
 
-int get_dev_traffic(const char*, dev_traffic*) { return -1; }
-int demand_traffic_check(int) { return -1; }
-int usbnet_private_probe(const char*) { return -1; }
+namespace {
+
+// Lines 0 and 1 of /proc/net/dev are the column headers.
+constexpr int kNetDevHeaderLines = 2;
+constexpr int kProbeDataSize = 32;
+
+// Token positions of the kept counters, in the order of dev_traffic.
+constexpr int kCounterTokens[] = {1, 2, 3, 4, 9, 10, 11, 12};
+static_assert(sizeof(kCounterTokens) / sizeof(kCounterTokens[0]) == sizeof(dev_traffic) / sizeof(uint32_t));
+
+bool is_digit(char c) { return c >= '0' && c <= '9'; }
+bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r'; }
+
+// The kernel prints a wide first counter right after the colon
+// ("rmnet0:4294967296 ..."); a blank is put in so that it is a token of its own.
+void split_name_from_counter(char (&line)[kNetDevLineSize]) {
+  char* colon = strchr(line, ':');
+  if (colon == nullptr || !is_digit(colon[1])) return;
+  char scratch[kNetDevLineSize];
+  snprintf(scratch, sizeof scratch, "%s", colon + 1);
+  colon[1] = ' ';
+  char* rest = colon + 2;
+  snprintf(rest, static_cast<size_t>(line + sizeof line - rest), "%s", scratch);
+}
+
+// Blank-separated tokens, as many as there are fields; a token longer than
+// its field is cut, never split, so later columns keep their places.
+void split_tokens(const char* line, char (&tokens)[kNetDevTokens][kNetDevTokenSize]) {
+  memset(tokens, 0, sizeof tokens);
+  const char* p = line;
+  for (int i = 0; i < kNetDevTokens; ++i) {
+    while (*p != '\0' && is_blank(*p)) ++p;
+    if (*p == '\0') return;
+    size_t len = 0;
+    while (*p != '\0' && !is_blank(*p)) {
+      if (len + 1 < kNetDevTokenSize) tokens[i][len++] = *p;
+      ++p;
+    }
+  }
+}
+
+// Leading decimal digits, accumulated in 64 bits; the counter keeps the low
+// 32 bits, as a 32-bit kernel counter would wrap.
+uint32_t counter_value(const char* token) {
+  uint64_t value = 0;
+  for (; is_digit(*token); ++token) value = value * 10 + static_cast<uint64_t>(*token - '0');
+  return static_cast<uint32_t>(value);
+}
+
+}  // namespace
+
+int read_dev_traffic(FILE* file, const char* ifname, dev_traffic* traffic) {
+  if (file == nullptr || ifname == nullptr || traffic == nullptr) return -1;
+  char line[kNetDevLineSize];
+  bool found = false;
+  for (int number = 0; fgets(line, sizeof line, file) != nullptr; ++number) {
+    if (number < kNetDevHeaderLines) continue;
+    split_name_from_counter(line);
+    // A substring match, so the first line naming the interface wins.
+    if (strstr(line, ifname) != nullptr) {
+      found = true;
+      break;
+    }
+  }
+  if (!found) return 0;
+
+  char tokens[kNetDevTokens][kNetDevTokenSize];
+  split_tokens(line, tokens);
+  uint32_t* counters[] = {&traffic->rx_bytes, &traffic->rx_packets, &traffic->rx_errs, &traffic->rx_drop,
+                          &traffic->tx_bytes, &traffic->tx_packets, &traffic->tx_errs, &traffic->tx_drop};
+  for (size_t i = 0; i < sizeof counters / sizeof counters[0]; ++i) {
+    *counters[i] = counter_value(tokens[kCounterTokens[i]]);
+  }
+  return 0;
+}
+
+int get_dev_traffic(const char* ifname, dev_traffic* traffic) {
+  if (ifname == nullptr || traffic == nullptr) return -1;
+  FILE* file = fopen(wds_paths::kProcNetDev, "r");
+  if (file == nullptr) return -1;
+  int result = read_dev_traffic(file, ifname, traffic);
+  fclose(file);
+  return result;
+}
+
+int demand_traffic_check(int reset) {
+  if (reset != 0) {
+    // The baseline value and a raised flag outlive a reset.
+    g_demand_started = 0;
+    g_demand_hits = 0;
+    return 0;
+  }
+
+  dev_traffic traffic = {};
+  if (get_dev_traffic(g_acIfname, &traffic) != 0) return -1;
+  if (g_demand_started == 0) {
+    g_demand_started = 1;
+    g_demand_last_tx = traffic.tx_bytes;
+    return 0;
+  }
+
+  // An absent interface reads 0, and a falling counter neither lowers the
+  // baseline nor clears the rises seen so far.
+  if (traffic.tx_bytes == 0 || traffic.tx_bytes <= g_demand_last_tx) return 0;
+  ++g_demand_hits;
+  if (g_demand_hits <= 1) {
+    g_demand_last_tx = traffic.tx_bytes;
+    return 0;
+  }
+  // Two rises: outgoing traffic is waiting for a call.
+  g_demand_dial = 1;
+  g_demand_hits = 0;
+  g_demand_started = 0;
+  return 0;
+}
+
+int usbnet_private_probe(const char* ifname) {
+  int sock = socket(AF_INET, SOCK_DGRAM, 0);
+  if (sock < 0) return -1;
+  ifreq request;
+  memset(&request, 0, sizeof request);
+  unsigned char data[kProbeDataSize] = {};
+  if (ifname != nullptr) {
+    memcpy(request.ifr_name, ifname, strnlen(ifname, sizeof request.ifr_name - 1));
+  }
+  request.ifr_data = reinterpret_cast<char*>(data);
+  int result = ioctl(sock, SIOCDEVPRIVATE, &request);
+  close(sock);
+  return result == 0 ? 0 : -1;
+}
