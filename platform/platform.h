@@ -31,8 +31,11 @@ struct at_cmd_field {
   char* value;  // may be null
   at_cmd_field* next;
 };
-// Finds the line of `text` that carries `prefix` and names its values; with
-// selector 9 the names are those of the "^DHCP" reply. Leaves an empty list
-// for text it cannot parse. Returns the number of fields, or -1.
+// Finds the first place in `text` where `prefix` is followed by a colon (blanks
+// may come between), splits the rest of that line at commas, trims blanks, and
+// names the values by the layout of `selector` (9: clip, netmask, gate, dhcp,
+// pDNS, sDNS, max_rx_data, max_tx_data); an empty value has no value text.
+// `flags` must be 0. Returns the number of fields, or -1 with an empty list
+// for text it cannot parse.
 int at_cmd_parse(at_cmd_field** head, const char* prefix, const char* text, int selector, int flags);
 void free_at_cmd(at_cmd_field* head);
