@@ -62,6 +62,7 @@ int get_wds_client_id() {
 }
 
 int send_msg(const uint8_t* buf, int len) {
+  if (buf == nullptr || len < 0) return -1;
   // A short write sends the whole message again: the driver takes messages,
   // not byte streams, so a remainder alone would be meaningless.
   for (;;) {
