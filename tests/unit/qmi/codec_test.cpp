@@ -172,21 +172,6 @@ struct RequestBuilder {
   }
 };
 
-TEST_F(Codec, StartNetworkPacksTheDesignExample) {
-  RequestBuilder b;
-  b.string(0, 0x17, "user1");
-  b.string(2, 0x14, "internet");
-  b.address("C0 A8 08 64");
-  b.header(1);
-  uint8_t out[kQmiBufSize];
-  memset(out, 0xEE, sizeof out);
-  ASSERT_EQ(pack_start_network_msg(out, &b.req, 41), 0);
-  EXPECT_EQ(to_hex(Bytes(out, out + 42)),
-            to_hex(concat({hex("00 00 01 00 20 00 22  30 00 01 01  16 00 01 02  17 00 05 75 73 65 72 31"
-                               "14 00 08 69 6E 74 65 72 6E 65 74  15 00 04 C0 A8 08 64"),
-                           {0xEE}})));
-}
-
 TEST_F(Codec, StartNetworkPackingLeavesOutAbsentTlvsAndChecksTheLength) {
   const std::string longest(64, 'a');
   struct Case {
