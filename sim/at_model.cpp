@@ -1,0 +1,342 @@
+#include "sim/at_model.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "sim/text.h"
+
+namespace sim {
+
+namespace {
+
+constexpr size_t kMaxLine = 4096;
+
+struct AtKey {
+  AtCommand cmd;
+  const char* name;
+};
+constexpr AtKey kAtKeys[] = {
+    {AtCommand::kDial, "dial"},   {AtCommand::kHangUp, "hangup"}, {AtCommand::kDhcp, "dhcp"},
+    {AtCommand::kIpv6Cap, "ipv6cap"}, {AtCommand::kEchoOff, "e0"}, {AtCommand::kEchoOn, "e1"},
+    {AtCommand::kCmee, "cmee"},   {AtCommand::kCurc, "curc"},     {AtCommand::kAt, "at"},
+    {AtCommand::kOther, "other"},
+};
+
+std::string hex8(uint32_t v) {
+  char buf[12];
+  snprintf(buf, sizeof buf, "%08x", v);
+  return buf;
+}
+
+std::string framed(const std::string& line) { return "\r\n" + line + "\r\n"; }
+
+std::string rest_of_line(const std::vector<std::string>& words, size_t from) {
+  std::string text;
+  for (size_t i = from; i < words.size(); ++i) {
+    if (i > from) text += ' ';
+    text += words[i];
+  }
+  auto bytes = unescape(text);
+  if (!bytes) throw CommandError("bad escape in text");
+  return *bytes;
+}
+
+}  // namespace
+
+AtCommand classify_at(std::string_view line) {
+  if (starts_with_nocase(line, "AT^NDISDUP=")) {
+    auto fields = split(line.substr(11), ',');
+    return fields.size() >= 2 && fields[1] == "0" ? AtCommand::kHangUp : AtCommand::kDial;
+  }
+  if (equals_nocase(line, "AT^DHCP?")) return AtCommand::kDhcp;
+  if (equals_nocase(line, "AT^IPV6CAP?")) return AtCommand::kIpv6Cap;
+  if (equals_nocase(line, "ATE0")) return AtCommand::kEchoOff;
+  if (equals_nocase(line, "ATE1") || equals_nocase(line, "ATE")) return AtCommand::kEchoOn;
+  if (starts_with_nocase(line, "AT+CMEE=")) return AtCommand::kCmee;
+  if (starts_with_nocase(line, "AT^CURC=")) return AtCommand::kCurc;
+  if (equals_nocase(line, "AT")) return AtCommand::kAt;
+  return AtCommand::kOther;
+}
+
+std::optional<AtCommand> parse_at_key(std::string_view key) {
+  for (const auto& k : kAtKeys)
+    if (key == k.name) return k.cmd;
+  return std::nullopt;
+}
+
+std::string dhcp_line(uint32_t clip, uint32_t mask, uint32_t gate, uint32_t dhcp, uint32_t dns1, uint32_t dns2,
+                      uint32_t rx, uint32_t tx) {
+  return "^DHCP: " + hex8(clip) + "," + hex8(mask) + "," + hex8(gate) + "," + hex8(dhcp) + "," + hex8(dns1) + "," +
+         hex8(dns2) + "," + std::to_string(rx) + "," + std::to_string(tx);
+}
+
+std::vector<std::string> split_blocks(const std::string& text, const std::vector<size_t>& at, size_t every) {
+  std::vector<size_t> cuts;
+  for (size_t c : at)
+    if (c > 0 && c < text.size()) cuts.push_back(c);
+  if (every > 0)
+    for (size_t c = every; c < text.size(); c += every) cuts.push_back(c);
+  std::sort(cuts.begin(), cuts.end());
+  cuts.erase(std::unique(cuts.begin(), cuts.end()), cuts.end());
+  std::vector<std::string> blocks;
+  size_t start = 0;
+  for (size_t c : cuts) {
+    blocks.push_back(text.substr(start, c - start));
+    start = c;
+  }
+  if (start < text.size()) blocks.push_back(text.substr(start));
+  return blocks;
+}
+
+AtModel::AtModel(ModemIo io) : io_(std::move(io)) {}
+
+void AtModel::on_write(std::string_view bytes) {
+  std::vector<std::string> lines;
+  {
+    std::lock_guard lock(mu_);
+    for (char c : bytes) {
+      if (c == '\r') {
+        lines.push_back(std::move(pending_line_));
+        pending_line_.clear();
+      } else if (c == '\n' && pending_line_.empty()) {
+        // A line feed after the carriage return belongs to no command.
+      } else if (pending_line_.size() < kMaxLine) {
+        pending_line_.push_back(c);
+      }
+    }
+  }
+  for (const auto& line : lines)
+    if (!line.empty()) handle_line(line);
+}
+
+void AtModel::handle_line(const std::string& line) {
+  std::lock_guard lock(mu_);
+  ++lines_;
+  AtCommand cmd = classify_at(line);
+  AtRule rule;
+  auto it = rules_.find(cmd);
+  if (it != rules_.end() && !it->second.empty()) {
+    rule = it->second.front();
+    if (it->second.front().times > 0 && --it->second.front().times == 0) it->second.pop_front();
+  }
+  if (io_.recorder) io_.recorder->event("at line " + escape(line));
+  // The modem echoes what it receives as it arrives, before it thinks.
+  std::string echo = settings_.echo ? line + "\r" : "";
+  if (rule.silent) {
+    if (!echo.empty()) send_text(echo, 0);
+    return;
+  }
+  std::string body = answer(cmd, line, rule);
+  if (rule.delay_ms > 0) {
+    if (!echo.empty()) send_text(echo, 0);
+    send_text(body, rule.delay_ms);
+  } else {
+    send_text(echo + body, 0);
+  }
+}
+
+std::string AtModel::answer(AtCommand cmd, const std::string& /*line*/, const AtRule& rule) {
+  if (rule.raw) return *rule.raw;
+  std::vector<std::string> info;
+  std::string after;  // reports that follow the final result
+  std::string final_result = "OK";
+  bool refused = rule.final == AtRule::Final::kError || rule.final == AtRule::Final::kCme;
+  if (!refused) {
+    switch (cmd) {
+      case AtCommand::kDial:
+        dialled_ = true;
+        dhcp_polls_ = 0;
+        if (settings_.ndisstat) after += framed("^NDISSTAT: 1,,,\"IPV4\"");
+        break;
+      case AtCommand::kHangUp:
+        dialled_ = false;
+        if (settings_.ndisstat) after += framed("^NDISSTAT: 0,,,\"IPV4\"");
+        break;
+      case AtCommand::kDhcp: {
+        bool ready = dialled_ && dhcp_polls_ >= settings_.dhcp_wait;
+        ++dhcp_polls_;
+        const AtSettings& s = settings_;
+        if (ready)
+          info.push_back(dhcp_line(s.addr, s.mask, s.gw, s.gw, s.dns1, s.dns2, s.max_rx, s.max_tx));
+        else if (settings_.dhcp_wait_zero)
+          info.push_back(dhcp_line(0, s.mask, s.gw, s.gw, s.dns1, s.dns2, s.max_rx, s.max_tx));
+        else
+          final_result = "ERROR";
+        break;
+      }
+      case AtCommand::kIpv6Cap:
+        info.push_back("^IPV6CAP: " + std::to_string(settings_.ipv6cap));
+        break;
+      case AtCommand::kEchoOff:
+        settings_.echo = false;
+        break;
+      case AtCommand::kEchoOn:
+        settings_.echo = true;
+        break;
+      case AtCommand::kCmee:
+      case AtCommand::kCurc:
+      case AtCommand::kAt:
+        break;
+      case AtCommand::kOther:
+        final_result = "ERROR";
+        break;
+    }
+  }
+  if (rule.final == AtRule::Final::kOk) final_result = "OK";
+  if (rule.final == AtRule::Final::kError) final_result = "ERROR";
+  if (rule.final == AtRule::Final::kCme) final_result = "+CME ERROR: " + std::to_string(rule.cme);
+
+  std::string text;
+  for (const auto& il : interleave_)
+    if (il.where == Interleave::Where::kBefore) text += framed(il.text);
+  for (const auto& l : info) text += framed(l);
+  for (const auto& il : interleave_)
+    if (il.where == Interleave::Where::kMiddle) text += framed(il.text);
+  text += framed(final_result);
+  for (const auto& il : interleave_)
+    if (il.where == Interleave::Where::kAfter) text += framed(il.text);
+  interleave_.clear();
+  return text + after;
+}
+
+void AtModel::send_text(std::string text, int delay_ms) {
+  auto blocks = split_blocks(text, settings_.split_at, settings_.split_every);
+  if (blocks.empty()) return;
+  if (delay_ms <= 0) {
+    io_.emit(std::move(blocks));
+    return;
+  }
+  uint64_t epoch = epoch_;
+  io_.later(delay_ms, [this, epoch, blocks = std::move(blocks)]() mutable {
+    std::lock_guard lock(mu_);
+    if (epoch == epoch_) io_.emit(std::move(blocks));
+  });
+}
+
+std::optional<std::string> AtModel::command(const std::vector<std::string>& words) {
+  const std::string& verb = words[0];
+  if (verb == "on") {
+    if (words.size() < 3) throw CommandError("usage: on <command|all> <token>... | clear");
+    std::lock_guard lock(mu_);
+    if (words[1] == "all") {
+      if (words[2] != "clear") throw CommandError("usage: on all clear");
+      rules_.clear();
+      return "ok";
+    }
+    auto cmd = parse_at_key(words[1]);
+    if (!cmd) throw CommandError("unknown AT command key '" + words[1] + "'");
+    if (words[2] == "clear") {
+      rules_.erase(*cmd);
+      return "ok";
+    }
+    AtRule r;
+    for (size_t i = 2; i < words.size(); ++i) {
+      auto [k, v] = key_value(words[i]);
+      if (k == "ok" && v.empty()) r.final = AtRule::Final::kOk;
+      else if (k == "error" && v.empty()) r.final = AtRule::Final::kError;
+      else if (k == "cme") {
+        r.final = AtRule::Final::kCme;
+        r.cme = static_cast<int>(need_uint(k, v, 65535));
+      } else if (k == "silent" && v.empty()) r.silent = true;
+      else if (k == "delay") r.delay_ms = static_cast<int>(need_uint(k, v, 3600000));
+      else if (k == "raw") {
+        auto text = unescape(v);
+        if (!text) throw CommandError("raw: bad escape");
+        r.raw = *text;
+      } else if (k == "times") {
+        r.times = static_cast<int>(need_uint(k, v, 1000000));
+        if (r.times == 0) throw CommandError("times: must be at least 1");
+      } else throw CommandError("unknown rule token '" + words[i] + "'");
+    }
+    auto& q = rules_[*cmd];
+    if (r.times < 0) {
+      std::erase_if(q, [](const AtRule& x) { return x.times < 0; });
+      q.push_back(r);
+    } else {
+      q.insert(std::find_if(q.begin(), q.end(), [](const AtRule& x) { return x.times < 0; }), r);
+    }
+    return "ok";
+  }
+  if (verb == "urc") {
+    if (words.size() < 2) throw CommandError("usage: urc <text>");
+    std::string text = framed(rest_of_line(words, 1));
+    std::lock_guard lock(mu_);
+    send_text(text, 0);
+    return "ok";
+  }
+  if (verb == "interleave") {
+    size_t from = 1;
+    Interleave il{"", Interleave::Where::kMiddle};
+    if (words.size() > 1 && words[1].starts_with("at=")) {
+      std::string where = words[1].substr(3);
+      if (where == "before") il.where = Interleave::Where::kBefore;
+      else if (where == "middle") il.where = Interleave::Where::kMiddle;
+      else if (where == "after") il.where = Interleave::Where::kAfter;
+      else throw CommandError("at: expected before, middle or after");
+      from = 2;
+    }
+    if (words.size() <= from) throw CommandError("usage: interleave [at=before|middle|after] <text>");
+    il.text = rest_of_line(words, from);
+    std::lock_guard lock(mu_);
+    interleave_.push_back(std::move(il));
+    return "ok";
+  }
+  if (verb == "drop") {
+    std::lock_guard lock(mu_);
+    dialled_ = false;
+    send_text(framed("^NDISSTAT: 0,,,\"IPV4\""), 0);
+    return "ok";
+  }
+  return std::nullopt;
+}
+
+bool AtModel::set(const std::string& key, const std::string& value) {
+  std::lock_guard lock(mu_);
+  AtSettings& s = settings_;
+  if (key == "addr") s.addr = need_ipv4(key, value);
+  else if (key == "mask") s.mask = need_ipv4(key, value);
+  else if (key == "gw") s.gw = need_ipv4(key, value);
+  else if (key == "dns1") s.dns1 = need_ipv4(key, value);
+  else if (key == "dns2") s.dns2 = need_ipv4(key, value);
+  else if (key == "rx") s.max_rx = need_uint(key, value, 0xffffffff);
+  else if (key == "tx") s.max_tx = need_uint(key, value, 0xffffffff);
+  else if (key == "echo") s.echo = need_onoff(key, value);
+  else if (key == "dhcp-wait") s.dhcp_wait = static_cast<int>(need_uint(key, value, 1000000));
+  else if (key == "dhcp-none") {
+    if (value == "error") s.dhcp_wait_zero = false;
+    else if (value == "zero") s.dhcp_wait_zero = true;
+    else throw CommandError("dhcp-none: expected error or zero");
+  } else if (key == "ipv6cap") s.ipv6cap = static_cast<int>(need_uint(key, value, 1000000));
+  else if (key == "ndisstat") s.ndisstat = need_onoff(key, value);
+  else if (key == "split") {
+    s.split_at.clear();
+    if (value != "off")
+      for (const auto& p : split(value, ',')) s.split_at.push_back(need_uint(key, p, 1u << 20));
+  } else if (key == "split-every") s.split_every = need_uint(key, value, 1u << 20);
+  else if (key == "dialled") dialled_ = need_onoff(key, value);
+  else return false;
+  return true;
+}
+
+std::string AtModel::describe() {
+  std::lock_guard lock(mu_);
+  return std::string("dialled=") + (dialled_ ? "1" : "0") + " echo=" + (settings_.echo ? "on" : "off") +
+         " lines=" + std::to_string(lines_) + " dhcp-polls=" + std::to_string(dhcp_polls_);
+}
+
+void AtModel::on_unplug() {
+  std::lock_guard lock(mu_);
+  ++epoch_;
+  dialled_ = false;
+  pending_line_.clear();
+}
+
+void AtModel::reset() {
+  std::lock_guard lock(mu_);
+  ++epoch_;
+  settings_ = AtSettings{};
+  rules_.clear();
+  interleave_.clear();
+}
+
+}  // namespace sim

@@ -1,0 +1,99 @@
+#include "sim/qmi_wire.h"
+
+#include "sim/text.h"
+
+namespace sim::qmi {
+
+const Tlv* Message::find(uint8_t type) const {
+  for (const auto& t : tlvs)
+    if (t.type == type) return &t;
+  return nullptr;
+}
+
+std::string be16(uint16_t v) {
+  return {static_cast<char>(v >> 8), static_cast<char>(v & 0xff)};
+}
+
+std::string be32(uint32_t v) {
+  return {static_cast<char>(v >> 24), static_cast<char>(v >> 16 & 0xff), static_cast<char>(v >> 8 & 0xff),
+          static_cast<char>(v & 0xff)};
+}
+
+uint16_t get_be16(std::string_view b, size_t at) {
+  return static_cast<uint16_t>(static_cast<uint8_t>(b[at]) << 8 | static_cast<uint8_t>(b[at + 1]));
+}
+
+uint32_t get_be32(std::string_view b, size_t at) {
+  return static_cast<uint32_t>(get_be16(b, at)) << 16 | get_be16(b, at + 2);
+}
+
+std::string encode_tlv(uint8_t type, std::string_view value) {
+  std::string out(1, static_cast<char>(type));
+  out += be16(static_cast<uint16_t>(value.size()));
+  out += value;
+  return out;
+}
+
+std::string encode(const Message& m) {
+  std::string body;
+  for (const auto& t : m.tlvs) body += encode_tlv(t.type, t.value);
+  std::string out(1, static_cast<char>(m.ctl));
+  out += be16(m.tx);
+  out += be16(m.id);
+  out += be16(static_cast<uint16_t>(body.size()));
+  out += body;
+  return out;
+}
+
+std::string result_tlv(uint16_t result, uint16_t error) {
+  return encode_tlv(kTlvResult, be16(result) + be16(error));
+}
+
+DecodeError decode(std::string_view bytes, Message* out, size_t* consumed) {
+  if (bytes.size() < kHeaderSize) return DecodeError::kShortHeader;
+  uint16_t mlen = get_be16(bytes, 5);
+  if (bytes.size() - kHeaderSize < mlen) return DecodeError::kShortBody;
+  Message m;
+  m.ctl = static_cast<uint8_t>(bytes[0]);
+  m.tx = get_be16(bytes, 1);
+  m.id = get_be16(bytes, 3);
+  std::string_view area = bytes.substr(kHeaderSize, mlen);
+  size_t pos = 0;
+  while (pos < area.size()) {
+    if (area.size() - pos < 3) return DecodeError::kBadTlv;
+    uint16_t len = get_be16(area, pos + 1);
+    if (area.size() - pos - 3 < len) return DecodeError::kBadTlv;
+    m.tlvs.push_back({static_cast<uint8_t>(area[pos]), std::string(area.substr(pos + 3, len))});
+    pos += 3u + len;
+  }
+  *out = std::move(m);
+  *consumed = kHeaderSize + mlen;
+  return DecodeError::kNone;
+}
+
+namespace {
+struct NamedMessage {
+  uint16_t id;
+  const char* name;
+};
+constexpr NamedMessage kNames[] = {
+    {kMsgReset, "reset"},         {kMsgAbort, "abort"},   {kMsgStartNetwork, "start"},
+    {kMsgStopNetwork, "stop"},    {kMsgPacketStatus, "status"}, {kMsgRuntimeSettings, "runtime"},
+};
+}  // namespace
+
+const char* message_name(uint16_t id) {
+  for (const auto& n : kNames)
+    if (n.id == id) return n.name;
+  return "unknown";
+}
+
+std::optional<uint16_t> parse_message_name(std::string_view name) {
+  for (const auto& n : kNames)
+    if (name == n.name) return n.id;
+  auto v = parse_uint(name, 0xffff);
+  if (!v) return std::nullopt;
+  return static_cast<uint16_t>(*v);
+}
+
+}  // namespace sim::qmi

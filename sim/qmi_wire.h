@@ -1,0 +1,72 @@
+// The modem's side of the WDS dialect on the tty: a bare service message
+// (no multiplexing header) whose every multi-byte integer is big-endian,
+// TLV lengths and addresses included.
+#pragma once
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace sim::qmi {
+
+inline constexpr uint8_t kCtlRequest = 0x00;
+inline constexpr uint8_t kCtlResponse = 0x02;
+inline constexpr uint8_t kCtlIndication = 0x04;
+inline constexpr size_t kHeaderSize = 7;
+
+inline constexpr uint16_t kMsgReset = 0x0000;
+inline constexpr uint16_t kMsgAbort = 0x0002;
+inline constexpr uint16_t kMsgStartNetwork = 0x0020;
+inline constexpr uint16_t kMsgStopNetwork = 0x0021;
+inline constexpr uint16_t kMsgPacketStatus = 0x0022;
+inline constexpr uint16_t kMsgRuntimeSettings = 0x002D;
+
+inline constexpr uint8_t kTlvResult = 0x02;
+
+// Packet service status values carried by 0x0022.
+inline constexpr uint8_t kStatusDisconnected = 1;
+inline constexpr uint8_t kStatusConnected = 2;
+inline constexpr uint8_t kStatusSuspended = 3;
+inline constexpr uint8_t kStatusAuthenticating = 4;
+
+inline constexpr uint16_t kErrNoEffect = 26;
+inline constexpr uint16_t kErrInvalidHandle = 9;
+inline constexpr uint16_t kErrOutOfCall = 15;
+inline constexpr uint16_t kErrMalformed = 1;
+inline constexpr uint16_t kErrNotSupported = 94;
+
+struct Tlv {
+  uint8_t type = 0;
+  std::string value;
+};
+
+struct Message {
+  uint8_t ctl = 0;
+  uint16_t tx = 0;
+  uint16_t id = 0;
+  std::vector<Tlv> tlvs;
+
+  const Tlv* find(uint8_t type) const;
+};
+
+std::string be16(uint16_t v);
+std::string be32(uint32_t v);
+uint16_t get_be16(std::string_view b, size_t at);
+uint32_t get_be32(std::string_view b, size_t at);
+
+std::string encode_tlv(uint8_t type, std::string_view value);
+// Header + TLVs with mlen computed from the TLVs.
+std::string encode(const Message& m);
+std::string result_tlv(uint16_t result, uint16_t error);
+
+enum class DecodeError { kNone, kShortHeader, kShortBody, kBadTlv };
+// Takes one message from the front of `bytes`. On success `consumed` is
+// 7 + mlen; TLVs must tile the TLV area exactly.
+DecodeError decode(std::string_view bytes, Message* out, size_t* consumed);
+
+const char* message_name(uint16_t id);
+// "start", "0x0020", "32" -> 0x0020.
+std::optional<uint16_t> parse_message_name(std::string_view name);
+
+}  // namespace sim::qmi

@@ -1,0 +1,117 @@
+#include "sim/runtime.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "sim/text.h"
+
+namespace sim {
+
+int64_t monotonic_us() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
+
+Recorder::Recorder(const std::string& path) {
+  if (!path.empty()) fd_ = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+}
+
+Recorder::~Recorder() {
+  if (fd_ >= 0) close(fd_);
+}
+
+void Recorder::bytes(const char* kind, std::string_view data) { line(kind, to_hex(data)); }
+
+void Recorder::event(std::string_view text) { line("ev", text); }
+
+void Recorder::line(const char* kind, std::string_view rest) {
+  std::lock_guard lock(mu_);
+  if (fd_ < 0) return;
+  char head[64];
+  int n = snprintf(head, sizeof head, "%llu %lld %s ", static_cast<unsigned long long>(++seq_),
+                   static_cast<long long>(monotonic_us()), kind);
+  std::string out(head, static_cast<size_t>(n));
+  out += rest;
+  out += '\n';
+  // One write per line keeps lines whole for a concurrent reader.
+  ssize_t done = write(fd_, out.data(), out.size());
+  (void)done;
+}
+
+Scheduler::Scheduler() : thread_([this] { loop(); }) {}
+
+Scheduler::~Scheduler() { stop(); }
+
+void Scheduler::after(int ms, std::function<void()> fn) {
+  std::lock_guard lock(mu_);
+  jobs_.emplace(std::chrono::steady_clock::now() + std::chrono::milliseconds(ms), std::move(fn));
+  cv_.notify_all();
+}
+
+void Scheduler::stop() {
+  {
+    std::lock_guard lock(mu_);
+    if (stopping_ && !thread_.joinable()) return;
+    stopping_ = true;
+    cv_.notify_all();
+  }
+  if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id()) thread_.join();
+}
+
+void Scheduler::loop() {
+  block_main_signals();
+  std::unique_lock lock(mu_);
+  while (!stopping_) {
+    if (jobs_.empty()) {
+      cv_.wait(lock);
+      continue;
+    }
+    auto due = jobs_.begin()->first;
+    if (std::chrono::steady_clock::now() < due) {
+      cv_.wait_until(lock, due);
+      continue;
+    }
+    auto fn = std::move(jobs_.begin()->second);
+    jobs_.erase(jobs_.begin());
+    lock.unlock();
+    fn();
+    lock.lock();
+  }
+}
+
+uint32_t need_uint(const std::string& key, const std::string& value, uint64_t max) {
+  auto v = parse_uint(value, max);
+  if (!v) throw CommandError(key + ": expected a number up to " + std::to_string(max));
+  return static_cast<uint32_t>(*v);
+}
+
+uint32_t need_ipv4(const std::string& key, const std::string& value) {
+  if (value == "0" || value == "none") return 0;
+  auto v = parse_ipv4(value);
+  if (!v) throw CommandError(key + ": expected a dotted IPv4 address");
+  return *v;
+}
+
+bool need_onoff(const std::string& key, const std::string& value) {
+  if (value == "on" || value == "1") return true;
+  if (value == "off" || value == "0") return false;
+  throw CommandError(key + ": expected on or off");
+}
+
+void block_main_signals() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGTERM);
+  sigaddset(&set, SIGINT);
+  sigaddset(&set, SIGHUP);
+  sigaddset(&set, SIGALRM);
+  sigaddset(&set, SIGCHLD);
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+}  // namespace sim

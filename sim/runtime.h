@@ -1,0 +1,103 @@
+// Plumbing shared by the simulator's parts: the event record, the timer
+// thread, and what a modem model is given to answer with.
+#pragma once
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+namespace sim {
+
+// A command the simulator cannot carry out; the control socket answers
+// "err <what>".
+struct CommandError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+int64_t monotonic_us();
+
+// Append-only record of what crossed the device, one line per item:
+//   <seq> <monotonic µs> rx <hex>     bytes of one write by the client
+//   <seq> <monotonic µs> tx <hex>     bytes handed over by one read
+//   <seq> <monotonic µs> ev <words>   device and model events
+// Lines are written whole, so a reader never sees half a line once it
+// stops at the last newline.
+class Recorder {
+ public:
+  explicit Recorder(const std::string& path);  // "" records nothing
+  ~Recorder();
+  Recorder(const Recorder&) = delete;
+  Recorder& operator=(const Recorder&) = delete;
+  void bytes(const char* kind, std::string_view data);
+  void event(std::string_view text);
+
+ private:
+  void line(const char* kind, std::string_view rest);
+  std::mutex mu_;
+  int fd_ = -1;
+  uint64_t seq_ = 0;
+};
+
+// One thread that runs callbacks when their time comes. Callbacks run
+// without the scheduler's lock held, so they may schedule more.
+class Scheduler {
+ public:
+  Scheduler();
+  ~Scheduler();
+  void after(int ms, std::function<void()> fn);
+  void stop();
+
+ private:
+  void loop();
+  std::mutex mu_;
+  std::condition_variable cv_;
+  std::multimap<std::chrono::steady_clock::time_point, std::function<void()>> jobs_;
+  bool stopping_ = false;
+  std::thread thread_;
+};
+
+// What a model uses to answer: `emit` queues read blocks on the device (each
+// string is delivered by one read, or packed with others when the device
+// coalesces), `later` runs a function after a delay.
+struct ModemIo {
+  std::function<void(std::vector<std::string>)> emit;
+  std::function<void(int, std::function<void()>)> later;
+  Recorder* recorder = nullptr;
+};
+
+class Model {
+ public:
+  virtual ~Model() = default;
+  // One write of the client, whole.
+  virtual void on_write(std::string_view bytes) = 0;
+  // A control command addressed to the model; nullopt when not its own.
+  // Throws CommandError on bad arguments.
+  virtual std::optional<std::string> command(const std::vector<std::string>& words) = 0;
+  // One "key=value" setting; false when the key is not the model's.
+  virtual bool set(const std::string& key, const std::string& value) = 0;
+  // "key=value ..." describing the model's state, for "get".
+  virtual std::string describe() = 0;
+  // The device went away: calls end, pending answers are forgotten.
+  virtual void on_unplug() = 0;
+  // Behaviours and settings back to their defaults.
+  virtual void reset() = 0;
+};
+
+// Helpers for settings parsing; throw CommandError.
+uint32_t need_uint(const std::string& key, const std::string& value, uint64_t max);
+uint32_t need_ipv4(const std::string& key, const std::string& value);
+bool need_onoff(const std::string& key, const std::string& value);
+
+// Blocks the signals that must reach only the main thread (termination
+// signals and SIGALRM) in the calling thread.
+void block_main_signals();
+
+}  // namespace sim

@@ -1,0 +1,224 @@
+// wds-sim: the modem simulator. Serves the modem's tty on a regular file
+// through FUSE, speaks WDS (QMI mode) or AT (NDIS mode) on it, consumes the
+// packets of the modem's network interface, and takes commands on a Unix
+// socket in its exchange directory.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "sim/at_model.h"
+#include "sim/control.h"
+#include "sim/runtime.h"
+#include "sim/text.h"
+#include "sim/tty_device.h"
+#include "sim/tun_reader.h"
+#include "sim/wds_model.h"
+
+namespace {
+
+struct Options {
+  std::string mode;
+  std::string device = "/dev/qmitty0";
+  std::string dir;
+  std::string tun;
+  bool no_tun = false;
+  int ready_fd = -1;
+  std::vector<std::string> commands;
+};
+
+[[noreturn]] void usage(const char* why) {
+  fprintf(stderr,
+          "wds-sim: %s\n"
+          "usage: wds-sim --mode qmi|ndis --dir DIR [--device PATH] [--tun NAME | --no-tun]\n"
+          "               [--ready-fd N] [--do 'COMMAND']...\n",
+          why);
+  exit(2);
+}
+
+Options parse(int argc, char** argv) {
+  Options o;
+  for (int i = 1; i < argc; ++i) {
+    std::string a = argv[i];
+    auto value = [&]() -> std::string {
+      if (i + 1 >= argc) usage(("missing value for " + a).c_str());
+      return argv[++i];
+    };
+    if (a == "--mode") o.mode = value();
+    else if (a == "--device") o.device = value();
+    else if (a == "--dir") o.dir = value();
+    else if (a == "--tun") o.tun = value();
+    else if (a == "--no-tun") o.no_tun = true;
+    else if (a == "--ready-fd") o.ready_fd = std::stoi(value());
+    else if (a == "--do") o.commands.push_back(value());
+    else usage(("unknown option " + a).c_str());
+  }
+  if (o.mode != "qmi" && o.mode != "ndis") usage("--mode must be qmi or ndis");
+  if (o.dir.empty()) usage("--dir is required");
+  if (o.tun.empty()) o.tun = o.mode == "qmi" ? "rmnet0" : "rmnet_tarvek0";
+  return o;
+}
+
+class Simulator {
+ public:
+  explicit Simulator(const Options& o)
+      : opts_(o),
+        recorder_(o.dir + "/device.log"),
+        device_(
+            &recorder_, [this](std::string_view bytes) { model_->on_write(bytes); },
+            [this] { model_->on_unplug(); }),
+        tun_(&recorder_),
+        control_(o.dir + "/sim.sock", [this](const std::string& line) { return dispatch(line); }) {
+    sim::ModemIo io;
+    io.emit = [this](std::vector<std::string> blocks) { device_.push(std::move(blocks)); };
+    io.later = [this](int ms, std::function<void()> fn) { scheduler_.after(ms, std::move(fn)); };
+    io.recorder = &recorder_;
+    if (o.mode == "qmi")
+      model_ = std::make_unique<sim::WdsModel>(io);
+    else
+      model_ = std::make_unique<sim::AtModel>(io);
+  }
+
+  int run() {
+    // Helper threads must not take the termination signals: the FUSE loop
+    // has to see them to end.
+    sigset_t set, old;
+    sigemptyset(&set);
+    sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGHUP);
+    pthread_sigmask(SIG_BLOCK, &set, &old);
+
+    struct stat st;
+    if (stat(opts_.device.c_str(), &st) != 0) {
+      int fd = open(opts_.device.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0666);
+      if (fd >= 0) close(fd);
+    }
+    device_.mount(opts_.device);
+    if (!opts_.no_tun) tun_.open(opts_.tun);
+    for (const auto& c : opts_.commands) {
+      std::string reply = dispatch(c);
+      if (!reply.starts_with("ok")) throw std::runtime_error("--do '" + c + "': " + reply);
+    }
+    control_.start();
+    recorder_.event("ready mode=" + opts_.mode);
+    if (opts_.ready_fd >= 0) {
+      ssize_t n = write(opts_.ready_fd, "R", 1);
+      (void)n;
+      close(opts_.ready_fd);
+    }
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    device_.run();
+    control_.stop();
+    tun_.close();
+    scheduler_.stop();
+    return 0;
+  }
+
+ private:
+  std::string dispatch(const std::string& line) {
+    auto words = sim::split_words(line);
+    if (words.empty()) return "err empty command";
+    recorder_.event("ctl " + line);
+    try {
+      const std::string& verb = words[0];
+      if (verb == "ping") return "ok";
+      if (verb == "mark") return "ok";
+      if (verb == "get") return "ok mode=" + opts_.mode + " " + device_.describe() + " " + model_->describe() +
+                                " " + tun_.describe();
+      if (verb == "set") {
+        if (words.size() < 2) return "err usage: set key=value...";
+        for (size_t i = 1; i < words.size(); ++i) {
+          auto [k, v] = sim::key_value(words[i]);
+          if (v.empty() && words[i].find('=') == std::string::npos) return "err expected key=value: " + words[i];
+          if (k == "tun-read") {
+            tun_.set_reading(sim::need_onoff(k, v));
+            continue;
+          }
+          if (!device_.set(k, v) && !model_->set(k, v)) return "err unknown setting '" + k + "'";
+        }
+        return "ok";
+      }
+      if (verb == "unplug") {
+        bool eof = words.size() > 1 && words[1] == "eof";
+        if (words.size() > 1 && words[1] != "eof" && words[1] != "enodev") return "err usage: unplug [enodev|eof]";
+        device_.unplug(eof);
+        return "ok";
+      }
+      if (verb == "remove") {
+        int err = ENODEV;
+        if (words.size() > 1) {
+          if (words[1] == "enoent") err = ENOENT;
+          else if (words[1] != "enodev") return "err usage: remove [enodev|enoent]";
+        }
+        device_.remove(err);
+        return "ok";
+      }
+      if (verb == "replug") {
+        device_.replug();
+        return "ok";
+      }
+      if (verb == "send") {
+        std::string hex;
+        for (size_t i = 1; i < words.size(); ++i) hex += words[i];
+        auto bytes = sim::from_hex(hex);
+        if (!bytes || bytes->empty()) return "err usage: send <hex bytes>";
+        device_.push({*bytes});
+        return "ok";
+      }
+      if (verb == "send-text") {
+        std::string text;
+        for (size_t i = 1; i < words.size(); ++i) text += (i > 1 ? " " : "") + words[i];
+        auto bytes = sim::unescape(text);
+        if (!bytes || bytes->empty()) return "err usage: send-text <escaped text>";
+        device_.push({*bytes});
+        return "ok";
+      }
+      if (verb == "tun") {
+        if (words.size() == 2 && words[1] == "close") tun_.close();
+        else if (words.size() == 2 && words[1] == "open") tun_.open(opts_.tun);
+        else return "err usage: tun open|close";
+        return "ok";
+      }
+      if (verb == "reset") {
+        device_.reset();
+        model_->reset();
+        tun_.set_reading(true);
+        return "ok";
+      }
+      if (auto reply = model_->command(words)) return *reply;
+      return "err unknown command '" + verb + "'";
+    } catch (const std::exception& e) {
+      return std::string("err ") + e.what();
+    }
+  }
+
+  // Declared so that destruction stops the control thread, the tun thread
+  // and the timer thread before the device and the model they call go.
+  Options opts_;
+  sim::Recorder recorder_;
+  std::unique_ptr<sim::Model> model_;
+  sim::TtyDevice device_;
+  sim::Scheduler scheduler_;
+  sim::TunReader tun_;
+  sim::ControlServer control_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options o = parse(argc, argv);
+  try {
+    Simulator s(o);
+    return s.run();
+  } catch (const std::exception& e) {
+    fprintf(stderr, "wds-sim: %s\n", e.what());
+    return 1;
+  }
+}

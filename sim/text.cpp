@@ -1,0 +1,183 @@
+#include "sim/text.h"
+
+#include <cctype>
+#include <cstdio>
+
+namespace sim {
+
+namespace {
+int hex_digit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+char lower(char c) { return static_cast<char>(std::tolower(static_cast<unsigned char>(c))); }
+}  // namespace
+
+std::string to_hex(std::string_view bytes) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::string out;
+  out.reserve(bytes.size() * 2);
+  for (unsigned char b : bytes) {
+    out.push_back(kDigits[b >> 4]);
+    out.push_back(kDigits[b & 0x0f]);
+  }
+  return out;
+}
+
+std::optional<std::string> from_hex(std::string_view text) {
+  std::string out;
+  int high = -1;
+  for (char c : text) {
+    if (c == ' ' || c == '\t' || c == ':' || c == '-') {
+      if (high >= 0) return std::nullopt;  // a separator inside a byte pair
+      continue;
+    }
+    int d = hex_digit(c);
+    if (d < 0) return std::nullopt;
+    if (high < 0) {
+      high = d;
+    } else {
+      out.push_back(static_cast<char>(high << 4 | d));
+      high = -1;
+    }
+  }
+  if (high >= 0) return std::nullopt;
+  return out;
+}
+
+std::vector<std::string> split_words(std::string_view line) {
+  std::vector<std::string> words;
+  size_t i = 0;
+  while (i < line.size()) {
+    while (i < line.size() && (line[i] == ' ' || line[i] == '\t')) ++i;
+    size_t start = i;
+    while (i < line.size() && line[i] != ' ' && line[i] != '\t') ++i;
+    if (i > start) words.emplace_back(line.substr(start, i - start));
+  }
+  return words;
+}
+
+std::vector<std::string> split(std::string_view text, char sep) {
+  std::vector<std::string> parts;
+  size_t start = 0;
+  for (;;) {
+    size_t pos = text.find(sep, start);
+    if (pos == std::string_view::npos) {
+      parts.emplace_back(text.substr(start));
+      return parts;
+    }
+    parts.emplace_back(text.substr(start, pos - start));
+    start = pos + 1;
+  }
+}
+
+std::optional<uint64_t> parse_uint(std::string_view text, uint64_t max) {
+  int base = 10;
+  if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
+    base = 16;
+    text.remove_prefix(2);
+  }
+  if (text.empty() || text.size() > 20) return std::nullopt;
+  uint64_t value = 0;
+  for (char c : text) {
+    int d = hex_digit(c);
+    if (d < 0 || d >= base) return std::nullopt;
+    if (value > (max - static_cast<uint64_t>(d)) / static_cast<uint64_t>(base)) return std::nullopt;
+    value = value * static_cast<uint64_t>(base) + static_cast<uint64_t>(d);
+  }
+  return value;
+}
+
+std::optional<uint32_t> parse_ipv4(std::string_view text) {
+  auto parts = split(text, '.');
+  if (parts.size() != 4) return std::nullopt;
+  uint32_t addr = 0;
+  for (const auto& p : parts) {
+    if (p.empty() || p.size() > 3 || p.find_first_not_of("0123456789") != std::string::npos) return std::nullopt;
+    auto v = parse_uint(p, 255);
+    if (!v) return std::nullopt;
+    addr = addr << 8 | static_cast<uint32_t>(*v);
+  }
+  return addr;
+}
+
+std::string format_ipv4(uint32_t addr) {
+  char buf[16];
+  snprintf(buf, sizeof buf, "%u.%u.%u.%u", addr >> 24, addr >> 16 & 0xff, addr >> 8 & 0xff, addr & 0xff);
+  return buf;
+}
+
+std::optional<std::string> unescape(std::string_view text) {
+  std::string out;
+  for (size_t i = 0; i < text.size(); ++i) {
+    char c = text[i];
+    if (c != '\\') {
+      out.push_back(c);
+      continue;
+    }
+    if (++i >= text.size()) return std::nullopt;
+    switch (text[i]) {
+      case 'r': out.push_back('\r'); break;
+      case 'n': out.push_back('\n'); break;
+      case 't': out.push_back('\t'); break;
+      case '0': out.push_back('\0'); break;
+      case 's': out.push_back(' '); break;
+      case '\\': out.push_back('\\'); break;
+      case '"': out.push_back('"'); break;
+      case 'x': {
+        if (i + 2 >= text.size()) return std::nullopt;
+        int h = hex_digit(text[i + 1]);
+        int l = hex_digit(text[i + 2]);
+        if (h < 0 || l < 0) return std::nullopt;
+        out.push_back(static_cast<char>(h << 4 | l));
+        i += 2;
+        break;
+      }
+      default: return std::nullopt;
+    }
+  }
+  return out;
+}
+
+std::string escape(std::string_view bytes) {
+  std::string out;
+  for (unsigned char c : bytes) {
+    switch (c) {
+      case '\r': out += "\\r"; break;
+      case '\n': out += "\\n"; break;
+      case '\t': out += "\\t"; break;
+      case '\\': out += "\\\\"; break;
+      case ' ': out += "\\s"; break;
+      default:
+        if (c < 0x20 || c >= 0x7f) {
+          char buf[5];
+          snprintf(buf, sizeof buf, "\\x%02x", c);
+          out += buf;
+        } else {
+          out.push_back(static_cast<char>(c));
+        }
+    }
+  }
+  return out;
+}
+
+bool starts_with_nocase(std::string_view text, std::string_view prefix) {
+  if (text.size() < prefix.size()) return false;
+  for (size_t i = 0; i < prefix.size(); ++i)
+    if (lower(text[i]) != lower(prefix[i])) return false;
+  return true;
+}
+
+bool equals_nocase(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && starts_with_nocase(a, b);
+}
+
+std::pair<std::string, std::string> key_value(std::string_view word) {
+  size_t eq = word.find('=');
+  if (eq == std::string_view::npos) return {std::string(word), std::string()};
+  return {std::string(word.substr(0, eq)), std::string(word.substr(eq + 1))};
+}
+
+}  // namespace sim

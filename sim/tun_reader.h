@@ -1,0 +1,40 @@
+// The data side of the modem: a tun interface whose packets the modem
+// consumes, so that transmit counters move exactly and nothing leaves the
+// namespace.
+#pragma once
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "sim/runtime.h"
+
+namespace sim {
+
+class TunReader {
+ public:
+  explicit TunReader(Recorder* recorder);
+  ~TunReader();
+  // Creates the interface (IFF_TUN | IFF_NO_PI) and starts consuming.
+  // Throws on failure.
+  void open(const std::string& name);
+  // Closing the descriptor makes the interface disappear.
+  void close();
+  bool is_open() const { return fd_ >= 0; }
+  // While not reading, packets queue in the kernel and tx stays put.
+  void set_reading(bool on);
+  std::string describe();
+
+ private:
+  void loop();
+  Recorder* recorder_;
+  std::string name_;
+  int fd_ = -1;
+  int wake_[2] = {-1, -1};
+  std::thread thread_;
+  std::atomic<bool> reading_{true};
+  std::atomic<uint64_t> packets_{0}, bytes_{0};
+};
+
+}  // namespace sim
