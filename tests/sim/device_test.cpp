@@ -50,6 +50,12 @@ class PrivateNamespaces : public ::testing::Environment {
     ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
     // Our own /tmp: devices, records and sockets of these tests live there.
     ASSERT_EQ(mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777"), 0);
+    // An interface coming up would otherwise send IPv6 solicitations of its
+    // own and move the counters the tun test checks.
+    for (const char* p : {"/proc/sys/net/ipv6/conf/all/disable_ipv6", "/proc/sys/net/ipv6/conf/default/disable_ipv6"}) {
+      std::ofstream f(p);
+      f << "1\n";
+    }
   }
 };
 
