@@ -8,7 +8,7 @@
 // Besides the invariants of each outcome, waits without single-pass must give
 // the same outcomes whatever the read sizes, as long as no read is cut by a
 // zero byte or at 511 bytes and no read ends in a CR that the next read's CR
-// follows (that CR pair is split-dependent by design).
+// follows (a CR left pending makes the next CR start a new line end).
 #include <sys/socket.h>
 #include <unistd.h>
 
