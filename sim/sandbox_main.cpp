@@ -18,6 +18,9 @@
 //   daemon.pid   the detached daemon's pid inside the sandbox
 //   daemon.exit  "exit N" or "signal N" once the daemon has ended
 //   final/       copy of /var/log and /var/wan taken at shutdown
+//
+// Inside, /proc is a tmpfs of links into a fresh procfs (at /run/realproc)
+// plus the datacard chip file; pids stay below 2048 so each has its link.
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
@@ -61,6 +64,7 @@ namespace {
 
 constexpr char kExchange[] = "/run/sandbox";
 constexpr char kBinDir[] = "/run/bin";
+constexpr int kPidMax = 2048;
 constexpr char kPath[] = "/run/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 
 constexpr char kDefaultProfile[] =
@@ -265,6 +269,20 @@ class Init {
       check(symlink(("/run/realproc/" + name).c_str(), ("/proc/" + name).c_str()), "link /proc/" + name);
     }
     closedir(d);
+    // Process directories cannot follow the processes into a tmpfs, so the
+    // namespace's pids are kept below a small limit and every possible one
+    // gets its link in advance (sanitizers and ps look there by number).
+    int fd = open("/run/realproc/sys/kernel/pid_max", O_WRONLY | O_CLOEXEC);
+    if (fd >= 0) {
+      std::string max = std::to_string(kPidMax);
+      ssize_t w = write(fd, max.data(), max.size());
+      (void)w;
+      close(fd);
+    }
+    for (int pid = 1; pid <= kPidMax; ++pid) {
+      std::string n = std::to_string(pid);
+      check(symlink(("/run/realproc/" + n).c_str(), ("/proc/" + n).c_str()), "link /proc/" + n);
+    }
     if (o_.chip) write_file("/proc/proc_user_datacardchip", *o_.chip, 0444);
 
     // sysfs of this network namespace: lo and the modem's interface only.
@@ -423,8 +441,9 @@ class Init {
     return "unknown " + std::to_string(status);
   }
 
-  // The detached daemon: re-parented to us, its own session leader, named
-  // after the daemon's binary. Zombies still show these fields.
+  // The detached daemon: re-parented to us and named after the daemon's
+  // binary (it may not have made itself a session leader yet). Zombies still
+  // show these fields.
   pid_t find_detached_daemon() {
     std::string want = o_.daemon.substr(o_.daemon.rfind('/') + 1).substr(0, 15);
     pid_t best = 0;
@@ -446,8 +465,8 @@ class Init {
       std::string comm = stat.substr(open_paren + 1, close_paren - open_paren - 1);
       auto fields = sim::split_words(stat.substr(close_paren + 1));
       if (fields.size() < 4) continue;
-      int ppid = std::stoi(fields[1]), session = std::stoi(fields[3]);
-      if (comm == want && ppid == 1 && session == pid && (best == 0 || pid < best)) best = pid;
+      int ppid = std::stoi(fields[1]);
+      if (comm == want && ppid == 1 && pid != daemon_pid_ && (best == 0 || pid < best)) best = pid;
     }
     closedir(d);
     return best;

@@ -135,7 +135,8 @@ TEST(Sandbox, PreparesPrivateRunDevProcSysAndVar) {
       {{"sh", "-c", "echo $PATH"}, 0, "/run/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin\n"},
       {{"sh", "-c", "test -c /dev/net/tun && test -c /dev/null && test -f /dev/qmitty0 && echo ok"}, 0, "ok\n"},
       {{"sh", "-c", "ls -d /var/wan/rmnet0 /var/log /var/tmp"}, 0, "/var/log\n/var/tmp\n/var/wan/rmnet0\n"},
-      {{"sh", "-c", "ls /proc | grep -c '^[0-9]'"}, 1, "0\n"},  // no pid directories
+      {{"sh", "-c", "cat /proc/sys/kernel/pid_max; ls /proc | grep -c '^[0-9]'"}, 0, "2048\n2048\n"},
+      {{"sh", "-c", "head -c 17 /proc/1/stat; echo; cat /proc/self/comm"}, 0, "1 (wds-sandbox) S\ncat\n"},
   };
   for (const auto& p : probes) {
     auto r = sb.run(p.argv);
