@@ -192,10 +192,11 @@ void TtyDevice::op_write(fuse_req_t req, fuse_ino_t, const char* buf, size_t siz
     fuse_reply_err(req, err);
     return;
   }
-  // Acknowledge first so the client's write has returned before the answer
-  // can be read; the answer is queued right after.
-  fuse_reply_write(req, size);
+  // The answer is queued before the write returns: a client that reads
+  // right after its write finds it, and an unplug that follows the write
+  // cannot be overtaken by it.
   d->on_write_(data);
+  fuse_reply_write(req, size);
 }
 
 void TtyDevice::op_ioctl(fuse_req_t req, fuse_ino_t, unsigned int cmd, void*, fuse_file_info* fi, unsigned,

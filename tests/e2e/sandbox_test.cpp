@@ -15,6 +15,7 @@
 #include <cstring>
 #include <dirent.h>
 #include <fstream>
+#include <map>
 #include <set>
 #include <sstream>
 
@@ -181,36 +182,49 @@ TEST(Sandbox, ParallelSandboxesWithTheSameInterfaceStayApart) {
   }
 }
 
+// Start time of a host process in clock ticks since boot; "" once gone.
+std::string start_time(pid_t pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+  std::string line;
+  if (!std::getline(in, line)) return "";
+  size_t paren = line.rfind(')');
+  std::istringstream fields(line.substr(paren + 2));
+  std::string f;
+  for (int i = 3; i <= 22 && fields >> f; ++i) {
+  }
+  return f;  // field 22
+}
+
 TEST(Sandbox, KillingTheRunnerLeavesNoProcessMountOrInterface) {
   ASSERT_EQ(if_nametoindex("rmnet0"), 0u) << "the host itself has an rmnet0";
-  std::string pidns, netns, mntns;
+  // Namespace ids are reused once freed (by other tests running in
+  // parallel, say), so what is checked afterwards is the processes found in
+  // them before.
+  std::map<pid_t, std::string> inside;
   {
     Sandbox sb(no_daemon());
     sb.start();
-    pidns = ns_of(sb.init_pid(), "pid");
-    netns = ns_of(sb.init_pid(), "net");
-    mntns = ns_of(sb.init_pid(), "mnt");
-    ASSERT_NE(pidns, ns_of(getpid(), "pid"));
-    ASSERT_NE(netns, ns_of(getpid(), "net"));
-    // PID 1, the simulator and a process started inside.
-    sb.run({"sh", "-c", "sleep 600 > /dev/null 2>&1 &"});
-    EXPECT_GE(processes_in("pid", pidns).size(), 3u);
+    ASSERT_NE(ns_of(sb.init_pid(), "pid"), ns_of(getpid(), "pid"));
+    ASSERT_NE(ns_of(sb.init_pid(), "net"), ns_of(getpid(), "net"));
+    ASSERT_NE(ns_of(sb.init_pid(), "mnt"), ns_of(getpid(), "mnt"));
+    auto r = sb.run({"sh", "-c", "sleep 600 > /dev/null 2>&1 &"});
+    ASSERT_EQ(r.status, 0);
+    for (const char* ns : {"pid", "net", "mnt"})
+      for (pid_t p : processes_in(ns, ns_of(sb.init_pid(), ns))) inside[p] = start_time(p);
+    // PID 1, the simulator and the process started inside at least.
+    EXPECT_GE(inside.size(), 3u);
+    // The device's mount is seen inside only.
+    std::ifstream mi("/proc/" + std::to_string(sb.init_pid()) + "/mountinfo");
+    std::string sandbox_mounts((std::istreambuf_iterator<char>(mi)), std::istreambuf_iterator<char>());
+    EXPECT_NE(sandbox_mounts.find("/dev/qmitty0 "), std::string::npos);
+    EXPECT_NE(sandbox_mounts.find("wds-sim"), std::string::npos);
+    EXPECT_EQ(host_mounts().find("wds-sim"), std::string::npos);
     sb.kill_hard();
     EXPECT_FALSE(sb.running());
   }
-  for (pid_t p : processes_in("pid", pidns)) {
-    std::ifstream st("/proc/" + std::to_string(p) + "/stat");
-    std::string line;
-    std::getline(st, line);
-    ADD_FAILURE() << "left in the sandbox's pid namespace: " << line;
-  }
-  for (const char* ns : {"net", "mnt"}) {
-    for (pid_t p : processes_in(ns, ns == std::string("net") ? netns : mntns)) {
-      std::ifstream st("/proc/" + std::to_string(p) + "/stat");
-      std::string line;
-      std::getline(st, line);
-      ADD_FAILURE() << "left in the sandbox's " << ns << " namespace: " << line;
-    }
+  for (const auto& [pid, started] : inside) {
+    std::string now = start_time(pid);
+    EXPECT_TRUE(now.empty() || now != started) << "process " << pid << " of the sandbox is still there";
   }
   EXPECT_EQ(host_mounts().find("wds-sim"), std::string::npos);
   EXPECT_EQ(if_nametoindex("rmnet0"), 0u);
