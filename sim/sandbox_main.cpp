@@ -189,6 +189,14 @@ Options parse(int argc, char** argv) {
     o.sim = s.substr(0, s.rfind('/') + 1) + "wds-sim";
   }
   if (o.start_daemon && o.daemon.empty()) usage("--daemon is required unless --no-start");
+  // Both are started from / inside.
+  for (std::string* path : {&o.daemon, &o.sim}) {
+    if (path->empty()) continue;
+    char* abs = realpath(path->c_str(), nullptr);
+    if (!abs) usage("cannot find " + *path);
+    *path = abs;
+    free(abs);
+  }
   return o;
 }
 
@@ -659,6 +667,20 @@ class Init {
     int sfd = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
     control_->start();
     write_file(std::string(kExchange) + "/ready", "ok\n");
+    std::string host_pid = "PID1";
+    try {
+      host_pid = sim::split_words(read_file(std::string(kExchange) + "/init.pid")).at(0);
+    } catch (...) {
+    }
+    fprintf(stderr,
+            "wds-sandbox: ready in %s (%s, %s)\n"
+            "  wds-simctl %s get                  the simulator\n"
+            "  wds-simctl %s init status          PID 1 and the daemon\n"
+            "  nsenter -t %s -m -n -p ip addr     a command inside\n"
+            "  /proc/%s/root/var/log/wds.log      the daemon's log\n"
+            "  Ctrl-C or SIGTERM ends it all.\n",
+            o_.dir.c_str(), o_.sim_mode.c_str(), o_.ifname.c_str(), o_.dir.c_str(), o_.dir.c_str(), host_pid.c_str(),
+            host_pid.c_str());
     reap();
     while (!shutting_down_) {
       pollfd fds[3] = {{sfd, POLLIN, 0}, {bus_fd_, POLLIN, 0}, {event_fd_, POLLIN, 0}};

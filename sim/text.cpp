@@ -51,9 +51,9 @@ std::vector<std::string> split_words(std::string_view line) {
   std::vector<std::string> words;
   size_t i = 0;
   while (i < line.size()) {
-    while (i < line.size() && (line[i] == ' ' || line[i] == '\t')) ++i;
+    while (i < line.size() && std::isspace(static_cast<unsigned char>(line[i]))) ++i;
     size_t start = i;
-    while (i < line.size() && line[i] != ' ' && line[i] != '\t') ++i;
+    while (i < line.size() && !std::isspace(static_cast<unsigned char>(line[i]))) ++i;
     if (i > start) words.emplace_back(line.substr(start, i - start));
   }
   return words;

@@ -14,7 +14,7 @@ std::string to_hex(std::string_view bytes);
 // Returns nullopt on an odd digit count or a non-hex character.
 std::optional<std::string> from_hex(std::string_view text);
 
-// Splits on runs of blanks (spaces and tabs).
+// Splits on runs of white space.
 std::vector<std::string> split_words(std::string_view line);
 std::vector<std::string> split(std::string_view text, char sep);
 
