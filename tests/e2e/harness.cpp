@@ -212,8 +212,10 @@ void Sandbox::kill_hard() {
 
 std::string Sandbox::host_path(const std::string& inside) const {
   if (init_pid_ <= 0) throw std::runtime_error("sandbox not started");
-  if (inside.empty() || inside[0] != '/') throw std::runtime_error("path must be absolute: " + inside);
-  return "/proc/" + std::to_string(init_pid_) + "/root" + inside;
+  if (inside.empty()) throw std::runtime_error("empty path");
+  // A bare name is a file of the interface's directory.
+  std::string path = inside[0] == '/' ? inside : wan_path(inside);
+  return "/proc/" + std::to_string(init_pid_) + "/root" + path;
 }
 
 std::optional<std::string> Sandbox::read(const std::string& path) const { return slurp(host_path(path)); }

@@ -3,7 +3,7 @@
 //
 //   wds::e2e::Sandbox sb({.dial = 3});
 //   sb.start();
-//   ASSERT_TRUE(sb.wait_state("status", "3\n", 60s));
+//   ASSERT_TRUE(sb.wait_file("status", "3\n", 60s));
 //   sb.sim("drop reason=2");
 //   ASSERT_TRUE(sb.wait_log("wds state : connected", 30s));
 //
@@ -109,7 +109,8 @@ class Sandbox {
   pid_t init_pid() const { return init_pid_; }      // host view
   pid_t runner_pid() const { return runner_pid_; }
 
-  // ---- files inside (absolute paths as the daemon sees them) ----
+  // ---- files inside: absolute paths as the daemon sees them, or a bare
+  // name for a file of /var/wan/<if>/ ("status", "dial", ...) ----
   std::optional<std::string> read(const std::string& path) const;
   void write(const std::string& path, const std::string& text) const;
   void remove(const std::string& path) const;
