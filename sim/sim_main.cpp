@@ -1,7 +1,44 @@
 // wds-sim: the modem simulator. Serves the modem's tty on a regular file
 // through FUSE, speaks WDS (QMI mode) or AT (NDIS mode) on it, consumes the
 // packets of the modem's network interface, and takes commands on a Unix
-// socket in its exchange directory.
+// socket in its exchange directory (DIR/sim.sock): one line per command, one
+// line back, "ok ..." or "err <why>". Records go to DIR/device.log.
+//
+// Any mode:
+//   ping | get                      state as key=value words
+//   set KEY=VALUE...                device: client-id=0..255 tty=ok|enotty
+//                                   coalesce=on|off (pack queued messages into
+//                                   one read) hold=on|off (deliver nothing)
+//                                   write-error=ERRNO|off tun-read=on|off;
+//                                   model settings below
+//   unplug [enodev|eof]             open handles die; new opens work
+//   remove [enodev|enoent]          as unplug, and opens fail until replug
+//   replug
+//   send HEX | send-text ESCAPED    raw bytes as one read block
+//   tun open|close                  the interface appears / disappears
+//   reset                           behaviours and settings to defaults
+//   mark TEXT                       a line in the record
+// QMI mode:
+//   set addr= mask= gw= dns1= dns2= (dotted, 0 leaves the TLV out) user=
+//       auth= handle= ind=same|separate|none ind-delay=MS ind-status=N
+//       ind-reconf=N stop-ind=on|off stop-reason=N|none
+//       second-start=refuse|accept call=N
+//   on MSG TOKEN...                 MSG: reset abort start stop status runtime
+//                                   or an id; TOKEN: ok silent fail=ERR
+//                                   delay=MS truncate=N mlen=N badresult extra
+//                                   other=MSG raw=HEX dup times=N
+//   on MSG clear | on all clear
+//   drop [reason=N] [status=N]      call ends, indication sent, polls say so
+//   indicate [status=N] [reconf=N] [reason=N|none] [tx=N]
+//   out-of-call                     runtime settings refused with error 15
+// NDIS mode:
+//   set addr= mask= gw= dns1= dns2= rx= tx= echo=on|off dhcp-wait=K
+//       dhcp-none=error|zero ipv6cap=N ndisstat=on|off split=N,N...|off
+//       split-every=N dialled=on|off
+//   on CMD TOKEN...                 CMD: dial hangup dhcp ipv6cap e0 e1 cmee
+//                                   curc at other; TOKEN: ok error cme=N
+//                                   silent delay=MS raw=ESCAPED times=N
+//   urc TEXT | interleave [at=before|middle|after] TEXT | drop
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
