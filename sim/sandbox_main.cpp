@@ -761,13 +761,10 @@ int main(int argc, char** argv) {
   for (const char* f : {"ready", "failed", "ended", "init.pid", "daemon.exit", "daemon.pid"})
     unlink((o.dir + "/" + f).c_str());
 
-  if (unshare(CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWPID | CLONE_NEWUTS | CLONE_NEWIPC) != 0) {
+  // Only the pid namespace is made here (it takes effect for the child);
+  // PID 1 makes the others itself, so this runner stays wholly on the host.
+  if (unshare(CLONE_NEWPID) != 0) {
     fprintf(stderr, "wds-sandbox: unshare: %s (root needed)\n", strerror(errno));
-    return 1;
-  }
-  // Nothing mounted from here on may reach the host.
-  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-    fprintf(stderr, "wds-sandbox: cannot make / private: %s\n", strerror(errno));
     return 1;
   }
 
@@ -787,6 +784,15 @@ int main(int argc, char** argv) {
     char b;
     if (read(go[0], &b, 1) != 1) _exit(1);
     close(go[0]);
+    if (unshare(CLONE_NEWNS | CLONE_NEWNET | CLONE_NEWUTS | CLONE_NEWIPC) != 0) {
+      fprintf(stderr, "wds-sandbox: unshare: %s\n", strerror(errno));
+      _exit(1);
+    }
+    // Nothing mounted from here on may reach the host.
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+      fprintf(stderr, "wds-sandbox: cannot make / private: %s\n", strerror(errno));
+      _exit(1);
+    }
     // Opened in the new mount namespace: a bind mount cannot take its
     // source from another namespace.
     int exchange_fd = open(o.dir.c_str(), O_DIRECTORY | O_CLOEXEC);
@@ -810,5 +816,8 @@ int main(int argc, char** argv) {
   int status = 0;
   while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
   }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  // _exit: after unshare(CLONE_NEWPID) this process can start no thread, which
+  // a leak checker run at exit would need; there is nothing left to release.
+  fflush(nullptr);
+  _exit(WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
 }
