@@ -41,6 +41,17 @@ TEST(DaemonSmoke, StartsLogsItsFirstStateAndExitsZeroOnSigterm) {
   EXPECT_EQ(*exit, "exit 0");
   EXPECT_FALSE(sb.state("pid").has_value());
   EXPECT_TRUE(sb.qmi_requests(kStopNetwork).empty());  // no call was up
+
+  // The same sandbox runs the daemon again: a second bring-up, reset and all.
+  sb.start_daemon();
+  ASSERT_TRUE(sb.wait_log("wds state : ready", 30s, 2)) << sb.log();
+  EXPECT_EQ(sb.qmi_requests(kReset).size(), resets.size() + 1);
+  auto second = sb.daemon_pid();
+  ASSERT_TRUE(second.has_value());
+  EXPECT_NE(*second, *pid);
+  sb.signal(SIGTERM);
+  EXPECT_EQ(sb.wait_until([&] { return sb.daemon_exit().has_value(); }, 30s), true);
+  EXPECT_EQ(sb.daemon_exit(), "exit 0");
 }
 
 TEST(DaemonSmoke, NdisModeUsesTheAtPortOnItsOwnInterface) {
