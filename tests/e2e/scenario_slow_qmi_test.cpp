@@ -1,0 +1,78 @@
+// QMI mode against a modem that stays silent for a whole start-network
+// limit (120 ticks of 4 s): about eight and a half minutes of real time,
+// scheduled first in the suite. Prints "[figure]" lines with its duration
+// and connect latency.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+
+#include "tests/e2e/harness.h"
+
+namespace {
+
+using namespace wds::e2e;
+
+constexpr uint16_t kAbort = 0x0002;
+constexpr uint16_t kStartNetwork = 0x0020;
+constexpr uint16_t kStopNetwork = 0x0021;
+
+double seconds_since(int64_t t_us) { return static_cast<double>(monotonic_us() - t_us) / 1e6; }
+double seconds_between(int64_t from_us, int64_t to_us) { return static_cast<double>(to_us - from_us) / 1e6; }
+
+TEST(QmiSlow, StartNetworkUnansweredForItsWholeLimitIsAbortedAndRetried) {
+  // Claim: a start-network request left unanswered ends after 120 to 121
+  // ticks (480-484 s) with "read msg timeout, msg_type = 32", is followed by
+  // an abort naming its transaction id, and the call is dialled again.
+  int64_t t_begin = monotonic_us();
+  SandboxOptions o;
+  o.sim = {"on start silent times=1"};
+  Sandbox sb(o);
+  sb.start();
+  ASSERT_TRUE(sb.wait_state("status", "0\n", 40s)) << sb.log();
+  ASSERT_TRUE(sb.wait_log("wds state : ready", 40s)) << sb.log();
+  int64_t t_dial = monotonic_us();
+  sb.write_dial(3);
+  ASSERT_TRUE(sb.wait_qmi_request(kStartNetwork, 20s)) << sb.log();
+  auto start = sb.qmi_requests(kStartNetwork).at(0);
+
+  // Nothing else goes to the modem while the start is awaited.
+  ASSERT_FALSE(sb.wait_qmi_request(kAbort, 470s)) << "abort before the limit\n" << sb.log();
+  EXPECT_EQ(sb.qmi_requests(kStartNetwork).size(), 1u);
+  EXPECT_EQ(sb.count_log("read msg timeout"), 0);
+  ASSERT_TRUE(sb.wait_qmi_request(kAbort, 30s)) << sb.log();
+  auto abort = sb.qmi_requests(kAbort).at(0);
+  double waited = seconds_between(start.t_us, abort.t_us);
+  printf("[figure] start-network limit: abort after %.1f s\n", waited);
+  EXPECT_GE(waited, 479.5);
+  EXPECT_LE(waited, 485.5);
+  EXPECT_TRUE(sb.wait_log("read msg timeout, msg_type = 32", 5s)) << sb.log();
+
+  // The abort: a request with the next transaction id, message 0x0002,
+  // mlen 5, TLV 0x01 of 2 bytes holding the start's transaction id.
+  std::string want;
+  want += '\0';
+  want += static_cast<char>(abort.tx >> 8);
+  want += static_cast<char>(abort.tx & 0xff);
+  want += std::string("\x00\x02\x00\x05\x01\x00\x02", 7);
+  want += static_cast<char>(start.tx >> 8);
+  want += static_cast<char>(start.tx & 0xff);
+  EXPECT_EQ(to_hex(abort.bytes), to_hex(want));
+  EXPECT_EQ(abort.tx, static_cast<uint16_t>(start.tx + 1));
+
+  // The abort was answered, so the attempt failed cleanly: no stop request,
+  // and after the pause a new start brings the call up.
+  ASSERT_TRUE(sb.wait_state("status", "3\n", 40s)) << sb.log();
+  double latency = seconds_since(t_dial);
+  auto starts = sb.qmi_requests(kStartNetwork);
+  ASSERT_EQ(starts.size(), 2u);
+  EXPECT_GT(starts[1].t_us, abort.t_us);
+  EXPECT_LE(seconds_between(abort.t_us, starts[1].t_us), 6.0);
+  EXPECT_TRUE(sb.qmi_requests(kStopNetwork).empty());
+  ::testing::Test::RecordProperty("connect_latency_ms", std::to_string(static_cast<long>(latency * 1000)));
+  printf("[figure] QmiSlow.StartNetworkUnansweredForItsWholeLimitIsAbortedAndRetried duration_s=%.1f "
+         "connect_latency_s=%.2f\n",
+         seconds_since(t_begin), latency);
+}
+
+}  // namespace
