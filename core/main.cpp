@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <csetjmp>
+#include <cstdio>
 #include <cstring>
 
 #include "core/core.h"
@@ -13,6 +14,10 @@ int main() {
   if (daemon(1, 1) != 0) {
     // Could not detach: keep serving in the foreground.
   }
+
+  // Debug lines on standard output appear as they are printed, also when
+  // it is a file or a pipe.
+  setvbuf(stdout, nullptr, _IOLBF, 0);
 
   memset(g_acIfname, 0, sizeof g_acIfname);
   memset(g_acPidpath, 0, sizeof g_acPidpath);
