@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "tests/e2e/harness.h"
+#include "tests/e2e/scenario_support.h"
 
 namespace {
 
@@ -28,47 +29,16 @@ constexpr auto kPollPeriod = 12s;
 constexpr auto kBringUpLimit = 40s;
 constexpr auto kConnectLimit = 30s;
 
-double seconds_since(int64_t t_us) { return static_cast<double>(monotonic_us() - t_us) / 1e6; }
-double seconds_between(int64_t from_us, int64_t to_us) { return static_cast<double>(to_us - from_us) / 1e6; }
 
-// Duration and connect latency of one scenario, printed when it ends.
-class Figures {
- public:
-  Figures() : start_us_(monotonic_us()) {}
-  ~Figures() {
-    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-    std::string name = std::string(info->test_suite_name()) + "." + info->name();
-    char line[256];
-    int n = snprintf(line, sizeof line, "[figure] %s duration_s=%.1f", name.c_str(), seconds_since(start_us_));
-    for (double l : latencies_)
-      n += snprintf(line + n, sizeof line - static_cast<size_t>(n), " connect_latency_s=%.2f", l);
-    printf("%s\n", line);
-    fflush(stdout);
-  }
-  void connect_latency(double s) {
-    latencies_.push_back(s);
-    ::testing::Test::RecordProperty("connect_latency_ms_" + std::to_string(latencies_.size()),
-                                    std::to_string(static_cast<long>(s * 1000)));
-  }
-
- private:
-  int64_t start_us_;
-  std::vector<double> latencies_;
-};
 
 // Waits for bring-up to finish (status 0 published, daemon ready), writes the
 // dial request and waits for status 3; records the latency.
 ::testing::AssertionResult dial_and_connect(const Sandbox& sb, int dial, Figures& fig) {
-  if (!sb.wait_state("status", "0\n", kBringUpLimit)) return ::testing::AssertionFailure() << "no status 0\n" << sb.log();
-  if (!sb.wait_log("wds state : ready", kBringUpLimit)) return ::testing::AssertionFailure() << "not ready\n" << sb.log();
-  int64_t t0 = monotonic_us();
-  sb.write_dial(dial);
-  if (!sb.wait_state("status", "3\n", kConnectLimit))
-    return ::testing::AssertionFailure() << "no status 3 after dial " << dial << "\n" << sb.log();
-  double latency = seconds_since(t0);
-  fig.connect_latency(latency);
+  auto connected = wds::e2e::dial_and_connect(sb, dial, fig, kBringUpLimit, kConnectLimit);
+  if (!connected) return connected;
   // The dial file is reread every 3 s (a tick may cut that sleep short, but
   // the read comes before it), and the call itself takes well under a second.
+  const double latency = fig.last_latency();
   if (latency > 10.0) return ::testing::AssertionFailure() << "connect took " << latency << " s\n" << sb.log();
   return ::testing::AssertionSuccess();
 }
@@ -83,7 +53,6 @@ std::string tlv(uint8_t type, const std::string& value) {
 
 std::string be16(uint16_t v) { return std::string{static_cast<char>(v >> 8), static_cast<char>(v & 0xff)}; }
 
-bool has_line_with(const std::string& text, const std::string& needle) { return text.find(needle) != std::string::npos; }
 
 // A profile with every field the start request carries set to a value of its
 // own, so that each TLV is traceable to its key.
@@ -131,9 +100,9 @@ TEST(QmiCalls, StayConnectedPublishesTheNetworksSettingsAndRedialsAfterADrop) {
   EXPECT_EQ(sb.sim_state()["call"], "2");
 
   auto addr = sb.run({"ip", "-o", "-4", "addr", "show", "dev", "rmnet0"});
-  EXPECT_TRUE(has_line_with(addr.output, "inet 10.20.30.40/16")) << addr.output;
+  EXPECT_TRUE(contains(addr.output, "inet 10.20.30.40/16")) << addr.output;
   auto route = sb.run({"ip", "-4", "route", "show", "10.20.0.1/32"});
-  EXPECT_TRUE(has_line_with(route.output, "10.20.0.1 dev rmnet0")) << route.output;
+  EXPECT_TRUE(contains(route.output, "10.20.0.1 dev rmnet0")) << route.output;
 
   // The start request: a request (flag 0), a fresh transaction id after the
   // reset's, message 0x0020, and the profile's TLVs in order.
@@ -181,7 +150,7 @@ TEST(QmiCalls, StayConnectedPublishesTheNetworksSettingsAndRedialsAfterADrop) {
       [&] {
         auto a = sb.run({"ip", "-o", "-4", "addr", "show", "dev", "rmnet0"});
         auto r = sb.run({"ip", "-4", "route", "show", "10.20.0.1/32"});
-        return !has_line_with(a.output, "10.20.30.40") && !has_line_with(r.output, "10.20.0.1");
+        return !contains(a.output, "10.20.30.40") && !contains(r.output, "10.20.0.1");
       },
       3s))
       << "address or host route still installed after teardown";
@@ -259,7 +228,7 @@ TEST(QmiCalls, DisconnectRequestStopsTheCallWithItsHandleAndIdles) {
   EXPECT_EQ(sb.state("mask"), "\n");
   EXPECT_TRUE(sb.wait_log("wds_disconnect : disconnected successful", 5s)) << sb.log();
   auto addr = sb.run({"ip", "-o", "-4", "addr", "show", "dev", "rmnet0"});
-  EXPECT_FALSE(has_line_with(addr.output, "192.168.8.100")) << addr.output;
+  EXPECT_FALSE(contains(addr.output, "192.168.8.100")) << addr.output;
   auto sim = sb.sim_state();
   EXPECT_EQ(sim["call"], "1");
   EXPECT_EQ(sim["handle"], "0x00000000");

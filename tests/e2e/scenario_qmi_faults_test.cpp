@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "tests/e2e/harness.h"
+#include "tests/e2e/scenario_support.h"
 
 namespace {
 
@@ -30,45 +31,13 @@ constexpr auto kConnectLimit = 40s;
 // The simulator's default handle, as the stop request carries it.
 constexpr char kDefaultHandleTlv[] = "0100041a2b3c4d";
 
-double seconds_since(int64_t t_us) { return static_cast<double>(monotonic_us() - t_us) / 1e6; }
-double seconds_between(int64_t from_us, int64_t to_us) { return static_cast<double>(to_us - from_us) / 1e6; }
 
-class Figures {
- public:
-  Figures() : start_us_(monotonic_us()) {}
-  ~Figures() {
-    const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-    std::string name = std::string(info->test_suite_name()) + "." + info->name();
-    char line[256];
-    int n = snprintf(line, sizeof line, "[figure] %s duration_s=%.1f", name.c_str(), seconds_since(start_us_));
-    for (double l : latencies_)
-      n += snprintf(line + n, sizeof line - static_cast<size_t>(n), " connect_latency_s=%.2f", l);
-    printf("%s\n", line);
-    fflush(stdout);
-  }
-  void connect_latency(double s) {
-    latencies_.push_back(s);
-    ::testing::Test::RecordProperty("connect_latency_ms_" + std::to_string(latencies_.size()),
-                                    std::to_string(static_cast<long>(s * 1000)));
-  }
-
- private:
-  int64_t start_us_;
-  std::vector<double> latencies_;
-};
 
 // Waits for a finished bring-up, writes the dial request, and waits for the
 // call; records the latency from the request to status 3.
 ::testing::AssertionResult dial_and_connect(const Sandbox& sb, int dial, Figures& fig,
                                             Millis limit = kConnectLimit) {
-  if (!sb.wait_state("status", "0\n", kBringUpLimit)) return ::testing::AssertionFailure() << "no status 0\n" << sb.log();
-  if (!sb.wait_log("wds state : ready", kBringUpLimit)) return ::testing::AssertionFailure() << "not ready\n" << sb.log();
-  int64_t t0 = monotonic_us();
-  sb.write_dial(dial);
-  if (!sb.wait_state("status", "3\n", limit))
-    return ::testing::AssertionFailure() << "no status 3 after dial " << dial << "\n" << sb.log();
-  fig.connect_latency(seconds_since(t0));
-  return ::testing::AssertionSuccess();
+  return wds::e2e::dial_and_connect(sb, dial, fig, kBringUpLimit, limit);
 }
 
 // Requests of one kind sent between two instants.
@@ -87,7 +56,6 @@ std::vector<DeviceRecord> events(const Sandbox& sb, const std::string& prefix) {
   return out;
 }
 
-bool contains(const std::string& text, const std::string& needle) { return text.find(needle) != std::string::npos; }
 
 // When the 5-second pause after a failed connect ends. It is a plain sleep,
 // which the next 4-second tick cuts short. Bring-up starts the tick just

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "tests/e2e/harness.h"
+#include "tests/e2e/scenario_support.h"
 
 namespace {
 
@@ -17,8 +18,6 @@ constexpr uint16_t kAbort = 0x0002;
 constexpr uint16_t kStartNetwork = 0x0020;
 constexpr uint16_t kStopNetwork = 0x0021;
 
-double seconds_since(int64_t t_us) { return static_cast<double>(monotonic_us() - t_us) / 1e6; }
-double seconds_between(int64_t from_us, int64_t to_us) { return static_cast<double>(to_us - from_us) / 1e6; }
 
 TEST(QmiSlow, StartNetworkUnansweredForItsWholeLimitIsAbortedAndRetried) {
   // Claim: a start-network request left unanswered ends after 120 to 121
