@@ -66,12 +66,14 @@ void on_alarm(int) {}
 
 int main(int argc, char** argv) {
   int rounds = argc > 1 ? atoi(argv[1]) : 2000;
-  if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-      mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777") != 0) {
+  char base[] = "/tmp/wds-bench.XXXXXX";
+  if (mkdtemp(base) == nullptr || unshare(CLONE_NEWNS | CLONE_NEWNET) != 0 ||
+      mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+      mount("tmpfs", base, "tmpfs", 0, "mode=1777") != 0) {
     perror("private namespaces (root needed)");
     return 1;
   }
-  std::string dir = "/tmp/bench";
+  std::string dir = std::string(base) + "/bench";
   mkdir(dir.c_str(), 0755);
   pid_t sim = start_sim(dir);
   std::string dev = dir + "/qmitty0";
@@ -143,5 +145,7 @@ int main(int argc, char** argv) {
     waitpid(pid, nullptr, 0);
   }
   report("sandbox start-up (until ready)", start_ms, "ms");
+  umount2(base, MNT_DETACH);
+  rmdir(base);
   return 0;
 }

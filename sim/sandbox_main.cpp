@@ -208,6 +208,13 @@ void make_dir(const std::string& path, mode_t mode = 0755) {
   if (mkdir(path.c_str(), mode) != 0 && errno != EEXIST) throw std::runtime_error("mkdir " + path + ": " + strerror(errno));
 }
 
+// A program to run later, whatever gets mounted over its directory.
+int open_program(const std::string& path) {
+  int fd = open(path.c_str(), O_PATH | O_CLOEXEC);
+  if (fd < 0) throw std::runtime_error("open " + path + ": " + strerror(errno));
+  return fd;
+}
+
 // ---- PID 1 -----------------------------------------------------------------
 
 class Init {
@@ -216,6 +223,10 @@ class Init {
 
   int run() {
     try {
+      // The programs are reached through descriptors opened before /run,
+      // /var, /dev and /proc are covered: the build may live below one.
+      sim_exe_fd_ = open_program(o_.sim);
+      if (!o_.daemon.empty()) daemon_exe_fd_ = open_program(o_.daemon);
       prepare_filesystems();
       prepare_network();
       open_bus();
@@ -388,7 +399,7 @@ class Init {
       argv.push_back(nullptr);
       std::string path = std::string("PATH=") + kPath;
       char* envp[] = {path.data(), nullptr};
-      execve(argv[0], argv.data(), envp);
+      execveat(sim_exe_fd_, "", argv.data(), envp, AT_EMPTY_PATH);
       _exit(127);
     }
     close(ready[1]);
@@ -414,12 +425,14 @@ class Init {
     if (pid == 0) {
       reset_child_state();
       redirect_output("/run/sandbox/daemon.out");
-      for (int fd = 3; fd < 1024; ++fd) close(fd);
+      for (int fd = 3; fd < 1024; ++fd) {
+        if (fd != daemon_exe_fd_) close(fd);  // close-on-exec: gone once the daemon runs
+      }
       if (chdir("/") != 0) _exit(127);
       std::string path = std::string("PATH=") + kPath;
       char* envp[] = {path.data(), nullptr};
       char* argv[] = {o_.daemon.data(), nullptr};
-      execve(argv[0], argv, envp);
+      execveat(daemon_exe_fd_, "", argv, envp, AT_EMPTY_PATH);
       _exit(127);
     }
     launcher_pid_ = pid;
@@ -723,6 +736,8 @@ class Init {
 
   Options o_;
   int exchange_fd_;
+  int sim_exe_fd_ = -1;
+  int daemon_exe_fd_ = -1;
   int bus_fd_ = -1;
   int event_fd_ = -1;
   pid_t sim_pid_ = -1;

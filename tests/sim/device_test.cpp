@@ -43,13 +43,20 @@ using namespace std::chrono_literals;
 
 constexpr unsigned kClientIdIoctl = 0xC0017804;
 
+// Devices, records and sockets of these tests live under a private tmpfs
+// mounted on a directory of its own: /tmp itself stays visible, since the
+// simulator binary may be built somewhere below it.
+std::string g_base;
+
 class PrivateNamespaces : public ::testing::Environment {
  public:
   void SetUp() override {
     ASSERT_EQ(unshare(CLONE_NEWNS | CLONE_NEWNET), 0) << "needs root: " << strerror(errno);
     ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
-    // Our own /tmp: devices, records and sockets of these tests live there.
-    ASSERT_EQ(mount("tmpfs", "/tmp", "tmpfs", 0, "mode=1777"), 0);
+    char base[] = "/tmp/wds-simdev.XXXXXX";
+    ASSERT_NE(mkdtemp(base), nullptr);
+    g_base = base;
+    ASSERT_EQ(mount("tmpfs", base, "tmpfs", 0, "mode=1777"), 0);
     // An interface coming up would otherwise send IPv6 solicitations of its
     // own and move the counters the tun test checks.
     for (const char* p : {"/proc/sys/net/ipv6/conf/all/disable_ipv6", "/proc/sys/net/ipv6/conf/default/disable_ipv6"}) {
@@ -68,7 +75,7 @@ class SimProcess {
  public:
   SimProcess(const std::string& mode, const std::vector<std::string>& commands, const std::string& tun = "") {
     static int counter = 0;
-    dir_ = "/tmp/sim" + std::to_string(++counter);
+    dir_ = g_base + "/sim" + std::to_string(++counter);
     mkdir(dir_.c_str(), 0755);
     device_ = dir_ + "/qmitty0";
     int ready[2];
@@ -441,7 +448,7 @@ TEST(SimDevice, RecordsEveryByteInOrder) {
   EXPECT_NE(std::find(ev.begin(), ev.end(), "wds request reset tx=1"), ev.end());
   EXPECT_NE(std::find(ev.begin(), ev.end(), "wds request status tx=2"), ev.end());
   // Sequence numbers and times never go backwards.
-  std::ifstream in("/tmp/" + sim.device().substr(5, sim.device().rfind('/') - 5) + "/device.log");
+  std::ifstream in(sim.device().substr(0, sim.device().rfind('/')) + "/device.log");
   uint64_t last_seq = 0;
   long long last_t = 0;
   std::string line;
@@ -525,5 +532,11 @@ TEST(SimDevice, TunReaderConsumesEveryPacketSoTxCountsExactly) {
 int main(int argc, char** argv) {
   ::testing::InitGoogleTest(&argc, argv);
   ::testing::AddGlobalTestEnvironment(new PrivateNamespaces);
-  return RUN_ALL_TESTS();
+  int result = RUN_ALL_TESTS();
+  // The mount vanishes with our namespace; the empty directory stays behind.
+  if (!g_base.empty()) {
+    umount2(g_base.c_str(), MNT_DETACH);
+    rmdir(g_base.c_str());
+  }
+  return result;
 }

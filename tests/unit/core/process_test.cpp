@@ -64,6 +64,9 @@ TEST(Process, DetachesLogsItsFirstStateAndExitsZeroOnSigterm) {
   pid_t launcher = fork();
   ASSERT_GE(launcher, 0);
   if (launcher == 0) {
+    // Opened before the tmpfs goes over /var: the build may live below it.
+    int exe = open(WDSD_PATH, O_RDONLY | O_CLOEXEC);
+    if (exe < 0) _exit(100);
     if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0) _exit(101);
     if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) _exit(102);
     if (mount("wds-test", "/var", "tmpfs", 0, "size=8m") != 0) _exit(103);
@@ -72,7 +75,9 @@ TEST(Process, DetachesLogsItsFirstStateAndExitsZeroOnSigterm) {
     mkdir("/var/wan/rmnet0", 0755);
     int devnull = open("/dev/null", O_WRONLY);
     dup2(devnull, STDOUT_FILENO);
-    execl(WDSD_PATH, "wdsd", static_cast<char*>(nullptr));
+    char name[] = "wdsd";
+    char* argv[] = {name, nullptr};
+    fexecve(exe, argv, environ);
     _exit(104);
   }
   int status = -1;
