@@ -200,17 +200,7 @@ std::string AtModel::answer(AtCommand cmd, const std::string& /*line*/, const At
 }
 
 void AtModel::send_text(std::string text, int delay_ms) {
-  auto blocks = split_blocks(text, settings_.split_at, settings_.split_every);
-  if (blocks.empty()) return;
-  if (delay_ms <= 0) {
-    io_.emit(std::move(blocks));
-    return;
-  }
-  uint64_t epoch = epoch_;
-  io_.later(delay_ms, [this, epoch, blocks = std::move(blocks)]() mutable {
-    std::lock_guard lock(mu_);
-    if (epoch == epoch_) io_.emit(std::move(blocks));
-  });
+  emit_blocks(io_, mu_, epoch_, split_blocks(text, settings_.split_at, settings_.split_every), delay_ms);
 }
 
 std::optional<std::string> AtModel::command(const std::vector<std::string>& words) {

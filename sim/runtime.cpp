@@ -114,4 +114,18 @@ void block_main_signals() {
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
 }
 
+void emit_blocks(const ModemIo& io, std::mutex& mu, const uint64_t& epoch, std::vector<std::string> blocks,
+                 int delay_ms) {
+  if (blocks.empty()) return;
+  if (delay_ms <= 0) {
+    io.emit(std::move(blocks));
+    return;
+  }
+  const uint64_t scheduled_in = epoch;
+  io.later(delay_ms, [&io, &mu, &epoch, scheduled_in, blocks = std::move(blocks)]() mutable {
+    std::lock_guard lock(mu);
+    if (epoch == scheduled_in) io.emit(std::move(blocks));
+  });
+}
+
 }  // namespace sim

@@ -73,6 +73,12 @@ struct ModemIo {
   Recorder* recorder = nullptr;
 };
 
+// Queues the blocks now, or after delay_ms unless the model forgot its
+// pending answers meanwhile (an unplug moves its epoch on, under mu). The
+// model owns mu and epoch and outlives its scheduled answers.
+void emit_blocks(const ModemIo& io, std::mutex& mu, const uint64_t& epoch, std::vector<std::string> blocks,
+                 int delay_ms);
+
 class Model {
  public:
   virtual ~Model() = default;

@@ -219,16 +219,7 @@ std::string WdsModel::indication(uint8_t status, uint8_t reconf, int reason) con
 }
 
 void WdsModel::send(std::vector<std::string> blocks, int delay_ms) {
-  if (blocks.empty()) return;
-  if (delay_ms <= 0) {
-    io_.emit(std::move(blocks));
-    return;
-  }
-  uint64_t epoch = epoch_;
-  io_.later(delay_ms, [this, epoch, blocks = std::move(blocks)]() mutable {
-    std::lock_guard lock(mu_);
-    if (epoch == epoch_) io_.emit(std::move(blocks));
-  });
+  emit_blocks(io_, mu_, epoch_, std::move(blocks), delay_ms);
 }
 
 std::optional<std::string> WdsModel::command(const std::vector<std::string>& words) {

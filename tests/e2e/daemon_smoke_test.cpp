@@ -8,15 +8,12 @@
 #include <sys/stat.h>
 
 #include "tests/e2e/harness.h"
+#include "tests/e2e/scenario_support.h"
 
 namespace {
 
 using namespace wds::e2e;
 
-constexpr uint16_t kReset = 0x0000;
-constexpr uint16_t kStartNetwork = 0x0020;
-constexpr uint16_t kStopNetwork = 0x0021;
-constexpr uint32_t kLinkChanged = 0x11601;
 
 TEST(DaemonSmoke, StartsLogsItsFirstStateAndExitsZeroOnSigterm) {
   Sandbox sb;  // QMI mode, no dial file: the daemon comes up and waits

@@ -10,15 +10,12 @@
 #include <vector>
 
 #include "tests/e2e/harness.h"
+#include "tests/e2e/scenario_support.h"
 
 namespace {
 
 using namespace wds::e2e;
 
-constexpr uint16_t kStartNetwork = 0x0020;
-constexpr uint16_t kStopNetwork = 0x0021;
-constexpr uint32_t kLinkChanged = 0x11601;
-constexpr uint32_t kDemandLinkReady = 0x3d02;
 // Somewhere behind the default route; the namespace has no way out, the
 // packets end in the simulator's reader of the interface.
 constexpr char kFarAway[] = "10.200.0.1";

@@ -9,12 +9,12 @@
 #include <vector>
 
 #include "tests/e2e/harness.h"
+#include "tests/e2e/scenario_support.h"
 
 namespace {
 
 using namespace wds::e2e;
 
-constexpr uint32_t kLinkChanged = 0x11601;
 constexpr char kDefaultDial[] = "AT^NDISDUP=1,1,\"internet\",\"user1\",\"pass1\",2";
 constexpr char kHangUp[] = "AT^NDISDUP=1,0";
 constexpr char kDhcpQuery[] = "AT^DHCP?";

@@ -17,11 +17,6 @@ namespace {
 
 using namespace wds::e2e;
 
-constexpr uint16_t kReset = 0x0000;
-constexpr uint16_t kStartNetwork = 0x0020;
-constexpr uint16_t kStopNetwork = 0x0021;
-constexpr uint16_t kPacketStatus = 0x0022;
-constexpr uint32_t kLinkChanged = 0x11601;
 
 // The status poll runs every third 4-second tick; its answer follows at once.
 constexpr auto kPollPeriod = 12s;

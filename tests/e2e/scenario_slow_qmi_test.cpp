@@ -14,9 +14,6 @@ namespace {
 
 using namespace wds::e2e;
 
-constexpr uint16_t kAbort = 0x0002;
-constexpr uint16_t kStartNetwork = 0x0020;
-constexpr uint16_t kStopNetwork = 0x0021;
 
 
 TEST(QmiSlow, StartNetworkUnansweredForItsWholeLimitIsAbortedAndRetried) {

@@ -11,6 +11,16 @@
 
 namespace wds::e2e {
 
+// WDS message identifiers and bus message types as the scenarios see them.
+inline constexpr uint16_t kReset = 0x0000;
+inline constexpr uint16_t kAbort = 0x0002;
+inline constexpr uint16_t kStartNetwork = 0x0020;
+inline constexpr uint16_t kStopNetwork = 0x0021;
+inline constexpr uint16_t kPacketStatus = 0x0022;
+inline constexpr uint16_t kRuntimeSettings = 0x002D;
+inline constexpr uint32_t kLinkChanged = 0x11601;
+inline constexpr uint32_t kDemandLinkReady = 0x3d02;
+
 inline double seconds_since(int64_t t_us) { return static_cast<double>(monotonic_us() - t_us) / 1e6; }
 inline double seconds_between(int64_t from_us, int64_t to_us) {
   return static_cast<double>(to_us - from_us) / 1e6;

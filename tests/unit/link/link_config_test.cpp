@@ -48,6 +48,11 @@ std::string name_payload(const char* name) {
   return payload;
 }
 
+// Each state file holds exactly its expected text.
+void expect_files(const std::vector<std::pair<std::string, std::string>>& files) {
+  for (const auto& [path, text] : files) EXPECT_EQ(read_text_file(path), text) << path;
+}
+
 void expect_link_changed(const bus_message& m) {
   EXPECT_EQ(m.type, 0x11601u);
   EXPECT_EQ(m.len, 0u);
@@ -152,12 +157,12 @@ TEST_F(LinkConfig, UpWithEveryAddressInBothModes) {
               "\n\n\n\ncmd1=[ifconfig rmnet0 10.1.2.3 netmask 255.255.255.0]\n\n\n"
               "\n\n\n\ncmd2=[route add -host 10.1.2.1 dev rmnet0]\n\n\n"
               "\r\n*** qmi set tcp mss cmd:[echo 1420 > /var/wan/rmnet0/pppc_tcp_mss]\n");
-    EXPECT_EQ(read_text_file(kStatus), "3\n");
-    EXPECT_EQ(read_text_file(kIpaddr), "10.1.2.3\n");
-    EXPECT_EQ(read_text_file(kMask), "255.255.255.0\n");
-    EXPECT_EQ(read_text_file(kGateway), "10.1.2.1\n");
-    EXPECT_EQ(read_text_file(kDns), "nameserver 8.8.8.8\nnameserver 8.8.4.4\n");
-    EXPECT_EQ(read_text_file(kMss), "1420\n");
+    expect_files({{kStatus, "3\n"},
+                  {kIpaddr, "10.1.2.3\n"},
+                  {kMask, "255.255.255.0\n"},
+                  {kGateway, "10.1.2.1\n"},
+                  {kDns, "nameserver 8.8.8.8\nnameserver 8.8.4.4\n"},
+                  {kMss, "1420\n"}});
     const std::vector<bus_message> got = cms_received();
     ASSERT_EQ(got.size(), 1u);
     expect_link_changed(got[0]);
@@ -261,12 +266,12 @@ TEST_F(LinkConfig, DownOutsideDemandLeavesGatewayAndDns) {
     EXPECT_EQ(stub_record_lines(),
               (Lines{"route [del] [-host] [10.1.2.1] [dev] [rmnet0]", "ifconfig [rmnet0] [0.0.0.0]"}));
     EXPECT_EQ(out, "");
-    EXPECT_EQ(read_text_file(kStatus), "6\n");
-    EXPECT_EQ(read_text_file(kIpaddr), "\n");
-    EXPECT_EQ(read_text_file(kMask), "\n");
-    EXPECT_EQ(read_text_file(kGateway), "10.1.2.1\n");
-    EXPECT_EQ(read_text_file(kDns), "nameserver 8.8.8.8\nnameserver 8.8.4.4\n");
-    EXPECT_EQ(read_text_file(kMss), "1420\n");
+    expect_files({{kStatus, "6\n"},
+                  {kIpaddr, "\n"},
+                  {kMask, "\n"},
+                  {kGateway, "10.1.2.1\n"},
+                  {kDns, "nameserver 8.8.8.8\nnameserver 8.8.4.4\n"},
+                  {kMss, "1420\n"}});
     const std::vector<bus_message> got = cms_received();
     ASSERT_EQ(got.size(), 1u);
     expect_link_changed(got[0]);
@@ -294,11 +299,11 @@ TEST_F(LinkConfig, DownInDemandRestoresPlaceholder) {
   EXPECT_EQ(stub_record_lines(), (Lines{"ifconfig [rmnet0] [10.48.48.48] [netmask] [255.255.255.255]",
                                         "route [add] [-host] [10.112.112.112] [dev] [rmnet0]"}));
   EXPECT_EQ(out, "");
-  EXPECT_EQ(read_text_file(kStatus), "6\n");
-  EXPECT_EQ(read_text_file(kIpaddr), "10.48.48.48\n");
-  EXPECT_EQ(read_text_file(kMask), "255.255.255.255\n");
-  EXPECT_EQ(read_text_file(kGateway), "10.112.112.112\n");
-  EXPECT_EQ(read_text_file(kDns), "nameserver 8.8.8.8\nnameserver 8.8.4.4\n");
+  expect_files({{kStatus, "6\n"},
+                {kIpaddr, "10.48.48.48\n"},
+                {kMask, "255.255.255.255\n"},
+                {kGateway, "10.112.112.112\n"},
+                {kDns, "nameserver 8.8.8.8\nnameserver 8.8.4.4\n"}});
   const std::vector<bus_message> got = cms_received();
   ASSERT_EQ(got.size(), 2u);
   expect_link_changed(got[0]);
