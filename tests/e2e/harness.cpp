@@ -38,6 +38,29 @@ std::optional<std::string> slurp(const std::string& path) {
   return s.str();
 }
 
+// A file its writer may truncate, as one consistent view. The daemon
+// truncates its log when it restarts it; a read that straddles the
+// truncation would return the old file's first part as if it were all of
+// it, so such a read is taken again. (Not for /proc files: they show size 0.)
+std::optional<std::string> slurp_untorn(const std::string& path) {
+  for (;;) {
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return std::nullopt;
+    std::string text;
+    char chunk[8192];
+    ssize_t n;
+    while ((n = ::read(fd, chunk, sizeof chunk)) != 0) {
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) break;
+      text.append(chunk, static_cast<size_t>(n));
+    }
+    struct stat st {};
+    bool torn = ::fstat(fd, &st) == 0 && static_cast<size_t>(st.st_size) < text.size();
+    ::close(fd);
+    if (!torn) return text;
+  }
+}
+
 std::string trim(std::string s) {
   while (!s.empty() && (s.back() == '\n' || s.back() == '\r' || s.back() == ' ')) s.pop_back();
   return s;
@@ -236,7 +259,7 @@ void Sandbox::write_dial(int value) const { write(wan_path("dial"), std::to_stri
 
 void Sandbox::write_profile(const std::string& text) const { write(wan_path("config"), text); }
 
-std::string Sandbox::log() const { return read("/var/log/wds.log").value_or(""); }
+std::string Sandbox::log() const { return slurp_untorn(host_path("/var/log/wds.log")).value_or(""); }
 
 std::string Sandbox::daemon_output() const { return slurp(exchange("daemon.out")).value_or(""); }
 

@@ -200,7 +200,10 @@ TEST(Log, StaysWithinItsBoundRestartsWhenFullAndHoldsOnlyRecordsAndDumps) {
         [&] {
           text = sb.log();
           now = check_log(text, *pid);
-          return text.size() < before_text.size() || now.notes > before.notes;
+          // A restarted file is judged once it holds a whole line: it is
+          // empty for a moment after the writer truncates it.
+          bool restarted_with_a_line = text.size() < before_text.size() && now.items + now.bad.size() > 0;
+          return restarted_with_a_line || now.notes > before.notes;
         },
         10s))
         << "signal " << signals << " was not logged";
