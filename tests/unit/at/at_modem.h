@@ -1,76 +1,143 @@
-// The modem side of the AT port for tests.
+// The modem side of the AT port for tests: a socket pair in place of the tty,
+// the daemon's tick from SIGALRM, and one command through at_send_command.
 #pragma once
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "at/at.h"
+#include "private_var.h"
 
-// Puts the channel's module state (ring, accumulator, pending CR, wait state,
-// tick count) back to what it is when the process starts.
-void fresh_channel();
+inline std::string pattern(size_t n) {  // "ABC...Z" over and over
+  std::string s;
+  for (size_t i = 0; i < n; ++i) s.push_back(static_cast<char>('A' + i % 26));
+  return s;
+}
+
+// Puts the channel's module state back to what it is when the process starts.
+inline void fresh_channel() {
+  at_rx_ring.wpos = at_rx_ring.rpos = -1;
+  g_at_line_acc[0] = '\0';
+  g_at_pending_cr = 0;
+  g_at_wait_state = AT_WAIT_PARSE;
+  g_at_ticks = 0;
+}
+
+struct AtChannel : ::testing::Test {
+  void SetUp() override {
+    reset_private_var("rmnet_tarvek0");
+    fresh_channel();
+    g_at_fd = -1;
+  }
+  void TearDown() override { at_port_cleanup(); }
+};
 
 // The port on a SOCK_SEQPACKET pair: each chunk the modem sends is exactly one
 // read of the port, so tests choose where the modem's output is split.
-class SeqModem {
- public:
-  SeqModem();
-  ~SeqModem();
-  // Sends the chunks in order from a helper thread (the pair queues only a
-  // few); pieces over 500 bytes are cut so no read truncates them.
-  void feed(const std::vector<std::string>& chunks, bool hang_up_after = false);
-  // Sends from the calling thread; for the few chunks that fit the queue.
-  void send_now(const std::string& chunk);
-  void hang_up();
-  // Everything the port wrote so far (each write is one message).
-  std::string written();
-  int peer() const { return peer_; }
-  int port() const { return port_; }
-
- private:
-  int port_ = -1;
-  int peer_ = -1;
-  std::thread feeder_;
+struct SeqModem {
+  int port = -1, peer = -1;
+  std::thread feeder;
+  SeqModem() {
+    int fds[2] = {-1, -1};
+    socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, fds);
+    g_at_fd = port = fds[0];
+    peer = fds[1];
+  }
+  ~SeqModem() {
+    if (g_at_fd == port) g_at_fd = -1;
+    close(port);  // first: it releases a feeder blocked on a full queue
+    if (feeder.joinable()) feeder.join();
+    close(peer);
+  }
+  // Sends from a helper thread, as the pair queues only a few chunks; pieces
+  // over 500 bytes are cut so that no read truncates them.
+  void feed(const std::vector<std::string>& chunks) {
+    std::vector<std::string> pieces;
+    for (const auto& chunk : chunks) {
+      for (size_t at = 0; at < chunk.size(); at += 500) pieces.push_back(chunk.substr(at, 500));
+    }
+    // The feeder must never take a signal meant for the code under test.
+    sigset_t all, saved;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, &saved);
+    feeder = std::thread([peer = peer, pieces] {
+      for (const auto& piece : pieces) {
+        if (send(peer, piece.data(), piece.size(), MSG_NOSIGNAL) < 0) return;
+      }
+    });
+    pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+  }
+  void send_now(const std::string& chunk) { send(peer, chunk.data(), chunk.size(), MSG_NOSIGNAL | MSG_DONTWAIT); }
+  std::string written() {  // everything the port wrote so far
+    std::string out;
+    char buf[1024];
+    for (ssize_t n; (n = recv(peer, buf, sizeof buf, MSG_DONTWAIT)) > 0;) out.append(buf, static_cast<size_t>(n));
+    return out;
+  }
 };
 
-// The port on a pty in raw mode (the slave is the port).
-class PtyModem {
- public:
-  PtyModem();
-  ~PtyModem();
-  void send(const std::string& bytes);
-  // Reads what the port wrote up to and including the first "\r"; waits at
-  // most two seconds for it.
-  std::string command();
-  int master() const { return master_; }
-  int slave() const { return slave_; }
-
- private:
-  int master_ = -1;
-  int slave_ = -1;
-};
-
-// Drives at_tick from SIGALRM every few milliseconds, as the daemon's tick
-// does, interrupting blocked reads. With reply_at_tick > 0 the handler sends
-// `reply` to `reply_fd` at that tick and stops the timer; without, the timer
-// stops after `stop_after` ticks. No other thread may run meanwhile.
-class TickDriver {
- public:
-  explicit TickDriver(int stop_after = 1000, int reply_fd = -1, int reply_at_tick = 0,
-                      const char* reply = "\r\nOK\r\n", int period_us = 3000);
-  ~TickDriver();
-  int ticks() const;
+// Drives at_tick from SIGALRM as the daemon's tick does, interrupting blocked
+// reads, and stops after `stop_after` ticks; given `answer_fd`, it sends an OK
+// there at that last tick. No other thread may take the signal meanwhile.
+struct TickDriver {
+  explicit TickDriver(int stop_after, int answer_fd = -1, int period_us = 3000) {
+    seen_ = 0;
+    stop_after_ = stop_after;
+    answer_fd_ = answer_fd;
+    struct sigaction action = {};
+    action.sa_handler = on_alarm;  // no SA_RESTART: the tick interrupts a blocked read
+    sigaction(SIGALRM, &action, &saved_);
+    arm(period_us);
+  }
+  ~TickDriver() {
+    arm(0);
+    sigaction(SIGALRM, &saved_, nullptr);
+  }
+  static void arm(int period_us) {
+    const struct itimerval every = {{0, period_us}, {0, period_us}};
+    setitimer(ITIMER_REAL, &every, nullptr);
+  }
+  static void on_alarm(int) {
+    at_tick();
+    seen_ = seen_ + 1;
+    if (seen_ < stop_after_) return;
+    if (answer_fd_ >= 0) send(answer_fd_, "\r\nOK\r\n", 6, MSG_NOSIGNAL | MSG_DONTWAIT);
+    arm(0);
+  }
+  static inline volatile sig_atomic_t seen_ = 0;
+  static inline int stop_after_ = 0, answer_fd_ = -1;
+  struct sigaction saved_ = {};
 };
 
 struct AtOutcome {
-  int ret;
-  int err;
+  int ret, err;
   uint32_t result;
   std::string response;
+  bool operator==(const AtOutcome&) const = default;
+  friend void PrintTo(const AtOutcome& o, std::ostream* os) {
+    *os << "{ret " << o.ret << ", err " << o.err << ", result " << o.result << ", "
+        << ::testing::PrintToString(o.response) << "}";
+  }
 };
 
-// One command through at_send_command with the given prefix and time-out.
-AtOutcome send_command(const std::string& command, const std::string& prefix, int32_t timeout = 30,
-                       uint32_t save_to_file = 0);
-
-std::string ring_contents();  // bytes still waiting in the ring, not taken
+// One command through at_send_command with the given reply prefix and time-out.
+inline AtOutcome send_command(const std::string& command, const std::string& prefix, int32_t timeout = 30,
+                              uint32_t save_to_file = 0) {
+  at_request req;
+  memset(&req, 0, sizeof req);
+  req.timeout = timeout;
+  req.save_to_file = save_to_file;
+  memcpy(req.body.in.command, command.data(), std::min(command.size(), sizeof req.body.in.command));
+  memcpy(req.body.in.reply_prefix, prefix.data(), std::min(prefix.size(), sizeof req.body.in.reply_prefix));
+  int err = -12345;
+  const int ret = at_send_command(&req, &err);
+  const char* response = req.body.out.response;
+  return {ret, err, req.body.out.result, std::string(response, strnlen(response, sizeof req.body.out.response))};
+}

@@ -11,34 +11,26 @@
 #include <fstream>
 #include <sstream>
 
+static bool failed(std::string* why, const char* what) {
+  *why = std::string(what) + ": " + strerror(errno);
+  return false;
+}
+
 bool enter_private_var(std::string* why) {
-  if (unshare(CLONE_NEWNS) != 0) {
-    *why = std::string("unshare(CLONE_NEWNS): ") + strerror(errno);
-    return false;
-  }
+  if (unshare(CLONE_NEWNS) != 0) return failed(why, "unshare(CLONE_NEWNS)");
   // Nothing mounted from here on may reach the host.
-  if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-    *why = std::string("make / private: ") + strerror(errno);
-    return false;
-  }
-  if (mount("wds-test-var", "/var", "tmpfs", 0, "size=16m,mode=0755") != 0) {
-    *why = std::string("tmpfs on /var: ") + strerror(errno);
-    return false;
-  }
-  for (const char* dir : {"/var/log", "/var/wan", "/var/wan/rmnet0", "/var/wan/rmnet_tarvek0"}) {
-    mkdir(dir, 0755);
-  }
+  if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return failed(why, "make / private");
+  if (mount("wds-test-var", "/var", "tmpfs", 0, "size=16m,mode=0755") != 0) return failed(why, "tmpfs on /var");
+  for (const char* dir : {"/var/log", "/var/wan", "/var/wan/rmnet0", "/var/wan/rmnet_tarvek0"}) mkdir(dir, 0755);
   return true;
 }
 
 void reset_private_var(const char* ifname) {
-  namespace fs = std::filesystem;
   std::error_code ec;
-  fs::remove_all("/var/log", ec);
-  fs::create_directories("/var/log", ec);
-  std::string wan = std::string("/var/wan/") + ifname;
-  fs::remove_all(wan, ec);
-  fs::create_directories(wan, ec);
+  for (const std::string& dir : {std::string("/var/log"), std::string("/var/wan/") + ifname}) {
+    std::filesystem::remove_all(dir, ec);
+    std::filesystem::create_directories(dir, ec);
+  }
 }
 
 std::string read_text_file(const std::string& path) {
@@ -49,8 +41,7 @@ std::string read_text_file(const std::string& path) {
 }
 
 void write_text_file(const std::string& path, const std::string& text) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << text;
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
 
 bool file_exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
