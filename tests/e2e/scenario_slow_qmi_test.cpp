@@ -2,28 +2,18 @@
 // limit (120 ticks of 4 s): about eight and a half minutes of real time,
 // scheduled first in the suite. Prints "[figure]" lines with its duration
 // and connect latency.
-#include <gtest/gtest.h>
-
-#include <cstdio>
-#include <string>
-
 #include "tests/e2e/harness.h"
-#include "tests/e2e/scenario_support.h"
 
 namespace {
 
 using namespace wds::e2e;
 
-
-
 TEST(QmiSlow, StartNetworkUnansweredForItsWholeLimitIsAbortedAndRetried) {
   // Claim: a start-network request left unanswered ends after 120 to 121
   // ticks (480-484 s) with "read msg timeout, msg_type = 32", is followed by
   // an abort naming its transaction id, and the call is dialled again.
-  int64_t t_begin = monotonic_us();
-  SandboxOptions o;
-  o.sim = {"on start silent times=1"};
-  Sandbox sb(o);
+  Figures fig;
+  Sandbox sb({.sim = {"on start silent times=1"}});
   sb.start();
   ASSERT_TRUE(sb.wait_state("status", "0\n", 40s)) << sb.log();
   ASSERT_TRUE(sb.wait_log("wds state : ready", 40s)) << sb.log();
@@ -46,29 +36,20 @@ TEST(QmiSlow, StartNetworkUnansweredForItsWholeLimitIsAbortedAndRetried) {
 
   // The abort: a request with the next transaction id, message 0x0002,
   // mlen 5, TLV 0x01 of 2 bytes holding the start's transaction id.
-  std::string want;
-  want += '\0';
-  want += static_cast<char>(abort.tx >> 8);
-  want += static_cast<char>(abort.tx & 0xff);
-  want += std::string("\x00\x02\x00\x05\x01\x00\x02", 7);
-  want += static_cast<char>(start.tx >> 8);
-  want += static_cast<char>(start.tx & 0xff);
-  EXPECT_EQ(to_hex(abort.bytes), to_hex(want));
+  char want[32];
+  snprintf(want, sizeof want, "00%04x00020005010002%04x", abort.tx, start.tx);
+  EXPECT_EQ(to_hex(abort.bytes), want);
   EXPECT_EQ(abort.tx, static_cast<uint16_t>(start.tx + 1));
 
   // The abort was answered, so the attempt failed cleanly: no stop request,
   // and after the pause a new start brings the call up.
   ASSERT_TRUE(sb.wait_state("status", "3\n", 40s)) << sb.log();
-  double latency = seconds_since(t_dial);
+  fig.connect_latency(seconds_since(t_dial));
   auto starts = sb.qmi_requests(kStartNetwork);
   ASSERT_EQ(starts.size(), 2u);
   EXPECT_GT(starts[1].t_us, abort.t_us);
   EXPECT_LE(seconds_between(abort.t_us, starts[1].t_us), 6.0);
   EXPECT_TRUE(sb.qmi_requests(kStopNetwork).empty());
-  ::testing::Test::RecordProperty("connect_latency_ms", std::to_string(static_cast<long>(latency * 1000)));
-  printf("[figure] QmiSlow.StartNetworkUnansweredForItsWholeLimitIsAbortedAndRetried duration_s=%.1f "
-         "connect_latency_s=%.2f\n",
-         seconds_since(t_begin), latency);
 }
 
 }  // namespace
