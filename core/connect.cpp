@@ -99,6 +99,13 @@ int wds_disconnect() {
 int _ndis_connect(ndis_ctx_t* ctx) {
   link_settings_t dhcp = {};
   if (ctx == nullptr) return -1;
+  // A modem that echoes ends the echo with a lone CR, so the echo and the
+  // final "OK" arrive as one line holding "^NDISDUP": taken for a reply
+  // line, the OK would never be seen and every dial would time out. Echo is
+  // turned off before each dial (a modem that restarted echoes again); ATE0
+  // itself carries no reply prefix, so its OK is found even when echoed.
+  int echo_err;
+  at_echo_off(&echo_err);
   if (ndis_at_connect(&wan_profile) != 0) return -1;
   g_connected = 1;
 

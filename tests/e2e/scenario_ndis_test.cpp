@@ -171,9 +171,10 @@ TEST(Ndis, CallPublishesDottedAddressesHangsUpOnRequestIdlesAndRedialsPastReport
 }
 
 TEST(Ndis, EchoesInterleavedReportsAndAnswersSplitAcrossReadsDoNotConfuseTheDialogue) {
-  // Claim: with echo on and unsolicited reports before, inside and after
-  // each answer, the dial is accepted and the DHCP reply still yields the
-  // address; with every answer in blocks of three bytes (line ends, the
+  // Claim: an echoing modem is told ATE0 before each dial, so its echo never
+  // joins a final OK to a reply line; with unsolicited reports before,
+  // inside and after answers, the DHCP reply still yields the address; with
+  // echo on again and every answer in blocks of three bytes (line ends, the
   // ^DHCP prefix and the final OK cut apart) the next call still comes up.
   Figures fig;
   Sandbox sb(ndis(std::nullopt));
@@ -203,16 +204,24 @@ TEST(Ndis, EchoesInterleavedReportsAndAnswersSplitAcrossReadsDoNotConfuseTheDial
   EXPECT_EQ(count_lines(sb, kDefaultDial), 1u);
   EXPECT_EQ(count_lines(sb, kDhcpQuery), 1u);
 
-  sb.sim("set echo=off split-every=3 addr=172.16.5.9 mask=255.255.0.0 gw=172.16.0.1");
   sb.write_dial(1);
   ASSERT_TRUE(sb.wait_state("status", "6\n", 20s)) << sb.log();
+  // As after a modem restart: echo on, the echo of ATE0 directly followed
+  // by its answer.
+  sb.sim("set echo=on split-every=3 addr=172.16.5.9 mask=255.255.0.0 gw=172.16.0.1");
+  asked = monotonic_us();
   sb.write_dial(3);
   ASSERT_TRUE(sb.wait_state("status", "3\n", 40s)) << sb.log();
+  fig.connect_latency(seconds_since(asked));
+  EXPECT_LT(fig.last_latency(), 12.0);
   EXPECT_EQ(sb.state("ipaddr"), "172.16.5.9\n");
   EXPECT_EQ(sb.state("mask"), "255.255.0.0\n");
   EXPECT_EQ(sb.state("gateway"), "172.16.0.1\n");
   EXPECT_EQ(count_lines(sb, kDefaultDial), 2u);
   EXPECT_EQ(count_lines(sb, kDhcpQuery), 2u);
+  auto echo_off = lines_equal(sb, "ATE0"), dials = lines_equal(sb, kDefaultDial);
+  ASSERT_EQ(echo_off.size(), 2u);
+  for (size_t i = 0; i < 2; ++i) EXPECT_LT(echo_off[i].t_us, dials[i].t_us) << "ATE0 goes before dial " << i + 1;
   size_t small = 0;  // the reads really were small
   for (const auto& r : sb.device_log()) small += r.kind == "tx" && r.data.size() <= 3;
   EXPECT_GT(small, 20u);
