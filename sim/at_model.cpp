@@ -206,19 +206,16 @@ void AtModel::send_text(std::string text, int delay_ms) {
 std::optional<std::string> AtModel::command(const std::vector<std::string>& words) {
   const std::string& verb = words[0];
   if (verb == "on") {
-    if (words.size() < 3) throw CommandError("usage: on <command|all> <token>... | clear");
     std::lock_guard lock(mu_);
-    if (words[1] == "all") {
-      if (words[2] != "clear") throw CommandError("usage: on all clear");
-      rules_.clear();
-      return "ok";
-    }
-    auto cmd = parse_at_key(words[1]);
-    if (!cmd) throw CommandError("unknown AT command key '" + words[1] + "'");
-    if (words[2] == "clear") {
-      rules_.erase(*cmd);
-      return "ok";
-    }
+    auto cmd = rule_target(
+        words, rules_,
+        [](const std::string& name) {
+          auto key = parse_at_key(name);
+          if (!key) throw CommandError("unknown AT command key '" + name + "'");
+          return *key;
+        },
+        "usage: on <command|all> <token>... | clear");
+    if (!cmd) return "ok";
     AtRule r;
     for (size_t i = 2; i < words.size(); ++i) {
       auto [k, v] = key_value(words[i]);
@@ -238,13 +235,7 @@ std::optional<std::string> AtModel::command(const std::vector<std::string>& word
         if (r.times == 0) throw CommandError("times: must be at least 1");
       } else throw CommandError("unknown rule token '" + words[i] + "'");
     }
-    auto& q = rules_[*cmd];
-    if (r.times < 0) {
-      std::erase_if(q, [](const AtRule& x) { return x.times < 0; });
-      q.push_back(r);
-    } else {
-      q.insert(std::find_if(q.begin(), q.end(), [](const AtRule& x) { return x.times < 0; }), r);
-    }
+    add_rule(rules_[*cmd], r);
     return "ok";
   }
   if (verb == "urc") {
@@ -283,12 +274,8 @@ std::optional<std::string> AtModel::command(const std::vector<std::string>& word
 bool AtModel::set(const std::string& key, const std::string& value) {
   std::lock_guard lock(mu_);
   AtSettings& s = settings_;
-  if (key == "addr") s.addr = need_ipv4(key, value);
-  else if (key == "mask") s.mask = need_ipv4(key, value);
-  else if (key == "gw") s.gw = need_ipv4(key, value);
-  else if (key == "dns1") s.dns1 = need_ipv4(key, value);
-  else if (key == "dns2") s.dns2 = need_ipv4(key, value);
-  else if (key == "rx") s.max_rx = need_uint(key, value, 0xffffffff);
+  if (set_call_address(s, key, value)) return true;
+  if (key == "rx") s.max_rx = need_uint(key, value, 0xffffffff);
   else if (key == "tx") s.max_tx = need_uint(key, value, 0xffffffff);
   else if (key == "echo") s.echo = need_onoff(key, value);
   else if (key == "dhcp-wait") s.dhcp_wait = static_cast<int>(need_uint(key, value, 1000000));

@@ -13,12 +13,7 @@
 
 namespace sim {
 
-struct AtSettings {
-  uint32_t addr = 0xC0A80864;
-  uint32_t mask = 0xFFFFFF00;
-  uint32_t gw = 0xC0A80801;
-  uint32_t dns1 = 0xC0A80802;
-  uint32_t dns2 = 0xC0A80803;
+struct AtSettings : CallAddresses {
   uint32_t max_rx = 150000000;
   uint32_t max_tx = 50000000;
   bool echo = false;

@@ -97,6 +97,18 @@ uint32_t need_ipv4(const std::string& key, const std::string& value) {
   return *v;
 }
 
+bool set_call_address(CallAddresses& a, const std::string& key, const std::string& value) {
+  uint32_t* field = key == "addr"   ? &a.addr
+                    : key == "mask" ? &a.mask
+                    : key == "gw"   ? &a.gw
+                    : key == "dns1" ? &a.dns1
+                    : key == "dns2" ? &a.dns2
+                                    : nullptr;
+  if (field == nullptr) return false;
+  *field = need_ipv4(key, value);
+  return true;
+}
+
 bool need_onoff(const std::string& key, const std::string& value) {
   if (value == "on" || value == "1") return true;
   if (value == "off" || value == "0") return false;

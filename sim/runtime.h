@@ -2,8 +2,10 @@
 // thread, and what a modem model is given to answer with.
 #pragma once
 #include <chrono>
+#include <algorithm>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -101,6 +103,49 @@ class Model {
 uint32_t need_uint(const std::string& key, const std::string& value, uint64_t max);
 uint32_t need_ipv4(const std::string& key, const std::string& value);
 bool need_onoff(const std::string& key, const std::string& value);
+
+// The call's IPv4 settings that both modem models hand out, as numbers:
+// 192.168.8.100 is 0xC0A80864; 0 means not given.
+struct CallAddresses {
+  uint32_t addr = 0xC0A80864;
+  uint32_t mask = 0xFFFFFF00;
+  uint32_t gw = 0xC0A80801;
+  uint32_t dns1 = 0xC0A80802;
+  uint32_t dns2 = 0xC0A80803;
+};
+// Sets the one named by "addr", "mask", "gw", "dns1" or "dns2"; false for
+// any other key.
+bool set_call_address(CallAddresses& a, const std::string& key, const std::string& value);
+
+// "on all clear", "on <key> clear" or "on <key> <tokens>...": carries out
+// the clears and returns the key when a rule for it follows. `parse_key`
+// gives the key of a name or throws CommandError.
+template <class Key, class Rule, class ParseKey>
+std::optional<Key> rule_target(const std::vector<std::string>& words, std::map<Key, std::deque<Rule>>& rules,
+                               ParseKey parse_key, const char* usage) {
+  if (words.size() < 3) throw CommandError(usage);
+  if (words[1] == "all") {
+    if (words[2] != "clear") throw CommandError("usage: on all clear");
+    rules.clear();
+    return std::nullopt;
+  }
+  Key key = parse_key(words[1]);
+  if (words[2] != "clear") return key;
+  rules.erase(key);
+  return std::nullopt;
+}
+
+// A standing rule (times < 0) replaces the standing one; counted rules
+// queue up in front of it and run out first.
+template <class Rule>
+void add_rule(std::deque<Rule>& q, const Rule& rule) {
+  if (rule.times < 0) {
+    std::erase_if(q, [](const Rule& r) { return r.times < 0; });
+    q.push_back(rule);
+  } else {
+    q.insert(std::find_if(q.begin(), q.end(), [](const Rule& r) { return r.times < 0; }), rule);
+  }
+}
 
 // Blocks the signals that must reach only the main thread (termination
 // signals and SIGALRM) in the calling thread.

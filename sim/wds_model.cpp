@@ -225,30 +225,17 @@ void WdsModel::send(std::vector<std::string> blocks, int delay_ms) {
 std::optional<std::string> WdsModel::command(const std::vector<std::string>& words) {
   const std::string& verb = words[0];
   if (verb == "on") {
-    if (words.size() < 3) throw CommandError("usage: on <msg|all> <token>... | clear");
     std::lock_guard lock(mu_);
-    if (words[1] == "all") {
-      if (words[2] != "clear") throw CommandError("usage: on all clear");
-      rules_.clear();
-      return "ok";
-    }
-    auto id = parse_message_name(words[1]);
-    if (!id) throw CommandError("unknown message '" + words[1] + "'");
-    if (words[2] == "clear") {
-      rules_.erase(*id);
-      return "ok";
-    }
-    WdsRule rule = parse_rule(words, 2);
-    auto& q = rules_[*id];
-    // A persistent rule replaces what was there; counted rules queue up in
-    // front of it.
-    if (rule.times < 0) {
-      std::erase_if(q, [](const WdsRule& r) { return r.times < 0; });
-      q.push_back(rule);
-    } else {
-      auto pos = std::find_if(q.begin(), q.end(), [](const WdsRule& r) { return r.times < 0; });
-      q.insert(pos, rule);
-    }
+    auto id = rule_target(
+        words, rules_,
+        [](const std::string& name) {
+          auto key = parse_message_name(name);
+          if (!key) throw CommandError("unknown message '" + name + "'");
+          return *key;
+        },
+        "usage: on <msg|all> <token>... | clear");
+    if (!id) return "ok";
+    add_rule(rules_[*id], parse_rule(words, 2));
     return "ok";
   }
   if (verb == "drop" || verb == "indicate") {
@@ -289,12 +276,8 @@ std::optional<std::string> WdsModel::command(const std::vector<std::string>& wor
 bool WdsModel::set(const std::string& key, const std::string& value) {
   std::lock_guard lock(mu_);
   WdsSettings& s = settings_;
-  if (key == "addr") s.addr = need_ipv4(key, value);
-  else if (key == "mask") s.mask = need_ipv4(key, value);
-  else if (key == "gw") s.gw = need_ipv4(key, value);
-  else if (key == "dns1") s.dns1 = need_ipv4(key, value);
-  else if (key == "dns2") s.dns2 = need_ipv4(key, value);
-  else if (key == "user") {
+  if (set_call_address(s, key, value)) return true;
+  if (key == "user") {
     auto text = unescape(value);
     if (!text) throw CommandError("user: bad escape");
     s.user = *text;

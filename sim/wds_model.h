@@ -14,13 +14,8 @@
 
 namespace sim {
 
-struct WdsSettings {
-  // Addresses as numbers: 192.168.8.100 is 0xC0A80864; 0 leaves the TLV out.
-  uint32_t addr = 0xC0A80864;
-  uint32_t mask = 0xFFFFFF00;
-  uint32_t gw = 0xC0A80801;
-  uint32_t dns1 = 0xC0A80802;
-  uint32_t dns2 = 0xC0A80803;
+// An address of 0 leaves its TLV out.
+struct WdsSettings : CallAddresses {
   std::string user = "wds";
   uint8_t auth = 0;
   uint32_t handle = 0x1A2B3C4D;
