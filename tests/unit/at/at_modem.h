@@ -84,12 +84,14 @@ struct SeqModem {
 };
 
 // Drives at_tick from SIGALRM as the daemon's tick does, interrupting blocked
-// reads, and stops after `stop_after` ticks; given `answer_fd`, it sends an OK
-// there at that last tick. No other thread may take the signal meanwhile.
+// reads, until the wait's own count reaches `stop_after` (ticks before the
+// wait began are reset by it); given `answer_fd`, it sends an OK there at
+// that last tick. A tick already pending when it stops is ignored: it would
+// take the count past the limit. No other thread may take the signal.
 struct TickDriver {
   explicit TickDriver(int stop_after, int answer_fd = -1, int period_us = 3000) {
-    seen_ = 0;
-    stop_after_ = stop_after;
+    done_ = 0;
+    stop_after_ = static_cast<uint32_t>(stop_after);
     answer_fd_ = answer_fd;
     struct sigaction action = {};
     action.sa_handler = on_alarm;  // no SA_RESTART: the tick interrupts a blocked read
@@ -105,14 +107,16 @@ struct TickDriver {
     setitimer(ITIMER_REAL, &every, nullptr);
   }
   static void on_alarm(int) {
+    if (done_) return;
     at_tick();
-    seen_ = seen_ + 1;
-    if (seen_ < stop_after_) return;
+    if (g_at_ticks < stop_after_) return;
+    done_ = 1;
     if (answer_fd_ >= 0) send(answer_fd_, "\r\nOK\r\n", 6, MSG_NOSIGNAL | MSG_DONTWAIT);
     arm(0);
   }
-  static inline volatile sig_atomic_t seen_ = 0;
-  static inline int stop_after_ = 0, answer_fd_ = -1;
+  static inline volatile sig_atomic_t done_ = 0;
+  static inline uint32_t stop_after_ = 0;
+  static inline int answer_fd_ = -1;
   struct sigaction saved_ = {};
 };
 
