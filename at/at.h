@@ -1,164 +1,19 @@
-// AT command channel on the modem's tty (NDIS mode): the port and its receive
-// ring, the sorting of the modem's output into reply lines, final results and
-// unsolicited reports, and the NDIS operations built on top.
+// AT command channel on the modem's tty (NDIS mode): what the connection
+// manager uses of it.
 #pragma once
-#include <cstddef>
-#include <cstdint>
+#include "wan/wan.h"
 
-#include "core/core.h"
-
-inline constexpr char kAtModule[] = "atrwapi";
-
-// ---- Port and raw I/O (port.cpp) ---------------------------------------------
-
-inline constexpr int kAtRingSize = 2048;
-inline constexpr int kAtReadSize = 512;
-// A read starts below this offset, so it always fits before the ring's end.
-inline constexpr int kAtRingWrapAt = kAtRingSize - kAtReadSize;
-inline constexpr int kAtPortPathSize = 64;
-inline constexpr int kAtLineBufSize = 512;
-inline constexpr int kAtMaxCommandLen = kAtLineBufSize - 2;  // room for "\r" and the terminator
-inline constexpr int kAtOpenPasses = 3;
-inline constexpr int kAtOpenAttempts = 5;
-inline constexpr int kAtProbeWaitSeconds = 5;
-
-// Receive ring. A byte the reader has taken is zeroed at once, and a zero byte
-// is never data. Positions are -1 until the first read sets the ring up; after
-// that the ring is never reset, so bytes from an earlier reply are sorted
-// before new ones.
-struct at_rx_ring_t {
-  uint8_t buf[kAtRingSize];
-  int32_t wpos;
-  int32_t rpos;
-};
-extern at_rx_ring_t at_rx_ring;
-extern int g_at_fd;  // the AT port, -1 while closed
-
+// Opens the AT port for NDIS mode (clearing the ppp state first); 0 or -1.
 int wait_wm_ready();
-int at_port_open();
-int at_tty_open(const char* path, int* tty_fd);
-int at_port_close();
+// Closes the AT port; always 0.
 int at_port_cleanup();
-int at_sleep_1s();
-int at_write_command(const char* text, int* err);
-// 0: bytes read, or the read skipped; 19: device gone (ENODEV or end of
-// file); -1: any other failure, EINTR included.
-int at_read_into_ring();
-// The reader's step: 0 and the next data byte, or -1 when the ring is empty.
-int at_ring_take(uint8_t* byte);
-int at_probe_ok();
-
-// ---- Response assembly and classification (response.cpp) ----------------------
-
-inline constexpr uint32_t kAtKind = 5;
-inline constexpr int kAtCommandSize = 512;
-inline constexpr int kAtPrefixSize = 100;
-inline constexpr int kAtResponseSize = 2049;  // at most 2048 characters
-inline constexpr int kAtBodySize = 2160;
-inline constexpr int kAtAccumulatorSize = 2048;  // at most 2047 characters
-inline constexpr int32_t kAtDefaultTimeout = 30;
-inline constexpr int kAtSavePathSize = 512;
-inline constexpr int kAtRemoveCmdSize = 518;
-inline constexpr char kAtNoPrefix[] = "REP_CMD";
-
-enum : uint32_t {
-  AT_RESULT_DEVICE_GONE = 0,
-  AT_RESULT_TIMEOUT = 1,
-  AT_RESULT_OK = 2,
-  AT_RESULT_CME_ERROR = 3,
-  AT_RESULT_CMS_ERROR = 4,
-  AT_RESULT_ERROR = 5,
-  AT_RESULT_NO_CARRIER = 6,
-  AT_RESULT_NO_ANSWER = 7,
-  AT_RESULT_NOT_SUPPORTED = 8,  // also: refused or not written
-  AT_RESULT_TOO_MANY_PARAMETERS = 9,
-};
-
-// The request is written into the body and the reply read back over the same
-// storage: the command goes to the port, and the prefix is copied, before
-// `response` (which covers both) is cleared.
-struct at_request_in {
-  char command[kAtCommandSize];
-  char reply_prefix[kAtPrefixSize];
-};
-struct at_reply_out {
-  uint32_t result;
-  char prefix[kAtPrefixSize];
-  char response[kAtResponseSize];
-};
-struct at_request {
-  uint32_t kind;
-  uint32_t single_pass;
-  uint32_t seq;
-  uint32_t save_to_file;
-  int32_t timeout;  // in at_tick ticks; 0 means 30
-  union {
-    at_request_in in;
-    at_reply_out out;
-    unsigned char raw[kAtBodySize];
-  } body;
-};
-static_assert(sizeof(at_request::body) == kAtBodySize);
-static_assert(offsetof(at_reply_out, response) == 104);
-
-struct at_code_text {
-  int code;
-  const char* text;
-};
-
-enum at_wait_state : int { AT_WAIT_READ = 0, AT_WAIT_PARSE = 1, AT_WAIT_DONE = 2 };
-
-// The only value a signal handler touches here: a word the tick handler may
-// bump while the main flow reads it and resets it to 0.
-extern volatile uint32_t g_at_ticks;
-extern uint32_t g_at_seq;
-extern int g_at_wait_state;
-extern int g_at_pending_cr;
-extern char g_at_line_acc[kAtAccumulatorSize];
-
+// One tick of the daemon's timer: the AT time-outs count these.
 void at_tick();
-uint32_t at_next_seq();
-int at_send_command(at_request* req, int* err);
-int at_wait_response(at_request* req, int* err);
-int at_assemble_lines(at_request* req);
-int at_find_final_result(const char* line, int* code);
-int at_find_unsolicited(const char* line, int* code);
-int at_drain_reports();
 
-// ---- NDIS operations (ndis.cpp) --------------------------------------------------
-
-inline constexpr int kAtBuiltCommandSize = 256;
-inline constexpr int32_t kAtDialTimeout = 30;
-inline constexpr int32_t kAtSettingTimeout = 3;
-inline constexpr int32_t kAtQueryTimeout = 30;
-inline constexpr int32_t kAtDrainTimeout = 10;
-
-int ndis_dup_request(int mode, const wan_profile_t* profile, int* err);
+// Each sends one command and waits for its final result: 0 for "OK", else -1.
+int at_echo_off(int* err);
 int ndis_at_connect(const wan_profile_t* profile);
 int ndis_at_disconnect();
-int ndis_add_request(const char* first, const char* second, const char* third, int* err);
-int at_enable_cme_errors(int* err);
-int at_echo_off(int* err);
-int at_set_curc(int* err, int on);
-int at_query_dhcp(int* err);
-int at_query_ipv6cap(int* err);
-// Mode 2 sends nothing and leaves the record as it is.
+// The DHCP query into `record` (host-order words); mode 2 sends nothing and
+// leaves the record as it is. 0 or -1.
 int ndis_get_dhcp_result(link_settings_t* record, int mode);
-int ndis_get_ipv6cap(int* capability);
-
-// ---- Reply parsing and result files (reply.cpp) ------------------------------------
-
-inline constexpr int kAtSmallFileSize = 256;
-inline constexpr int kAtVarLogPathSize = 128;
-inline constexpr int kDhcpFieldSize = 10;  // at most 9 characters
-inline constexpr int kDhcpSelector = 9;
-
-// Fills the address words of `record` in host order; -1 at the first missing
-// address field, with the words before it already stored.
-int parse_dhcp_reply(const char* text, link_settings_t* record);
-// Steps after the file read of the IPv6 capability fetch: 0 and 1 or 7 in
-// `capability`, else -1.
-int parse_ipv6cap_reply(const char* text, int* capability);
-uint32_t hex_to_u32(const char* text);
-__attribute__((format(printf, 2, 3))) void write_var_log_file(const char* name, const char* fmt, ...);
-int read_small_file(const char* path, char* buffer);

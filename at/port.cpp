@@ -9,9 +9,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "at/at.h"
-#include "core/paths.h"
-#include "log/log.h"
+#include "at/internal.h"
 #include "platform/platform.h"
 
 at_rx_ring_t at_rx_ring = {{}, -1, -1};
@@ -19,18 +17,31 @@ int g_at_fd = -1;
 
 namespace {
 
+constexpr int kPortPathSize = 64;
+constexpr int kLineBufSize = 512;
+constexpr int kMaxCommandLen = kLineBufSize - 2;  // room for "\r" and the terminator
+constexpr int kOpenPasses = 3;
+constexpr int kOpenAttempts = 5;
+constexpr int kProbeWriteAttempts = 5;
+constexpr int kProbeWaitSeconds = 5;
+
 constexpr tcflag_t kRawClearInput = INLCR | IGNCR | ICRNL | IXON | IXANY | IXOFF;
 constexpr tcflag_t kRawClearLocal = ICANON | ECHO | ECHOE | ECHONL;
 static_assert(kRawClearInput == 0x1dc0 && kRawClearLocal == 0x5a);
 
-bool text_has(const char* text, const char* needle) { return strstr(text, needle) != nullptr; }
-
 }  // namespace
 
+void at_port_reset() {
+  at_port_close();
+  at_rx_ring.wpos = -1;
+  at_rx_ring.rpos = -1;
+}
+
 int wait_wm_ready() {
+  // Clearing the ppp state is best effort: the port is opened either way.
   ZUN_UTIL_ExecCmdNoHang("rm -rf /var/log/ppp_state");
-  for (int pass = 0; pass < kAtOpenPasses; ++pass) {
-    at_port_close();
+  for (int pass = 0; pass < kOpenPasses; ++pass) {
+    at_port_close();  // a port that was not open is no failure here
     at_sleep_1s();
     if (at_port_open() == 0) {
       puts("wait_wm_ready:Ndis tty is opened successfully");
@@ -41,7 +52,7 @@ int wait_wm_ready() {
 }
 
 int at_port_open() {
-  char path[kAtPortPathSize];
+  char path[kPortPathSize];
   snprintf(path, sizeof path, "%s", wds_paths::kQmiTty);
   if (at_tty_open(path, &g_at_fd) != 0 || g_at_fd < 0) return -1;
 
@@ -51,6 +62,7 @@ int at_port_open() {
   tio.c_iflag &= ~kRawClearInput;
   tio.c_oflag = 0;
   tio.c_lflag &= ~kRawClearLocal;  // ISIG stays as found
+  // Modes that cannot be applied leave the port usable as found.
   tcsetattr(g_at_fd, TCSAFLUSH, &tio);
   return 0;
 }
@@ -60,7 +72,7 @@ int at_tty_open(const char* path, int* tty_fd) {
     WDS_ERROR(kAtModule, "path or tty_fd is null.");
     return -1;
   }
-  for (int attempt = 0; attempt < kAtOpenAttempts; ++attempt) {
+  for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
     const int fd = open(path, O_RDWR);
     if (fd >= 0) {
       *tty_fd = fd;
@@ -83,13 +95,7 @@ int at_port_cleanup() {
   return 0;
 }
 
-int at_sleep_1s() {
-  // Linux leaves the remaining time in `pause`, so a tick does not cut it short.
-  struct timeval pause = {1, 0};
-  while (select(0, nullptr, nullptr, nullptr, &pause) < 0 && errno == EINTR) {
-  }
-  return 0;
-}
+int at_sleep_1s() { return msleep(1000); }
 
 int at_write_command(const char* text, int* err) {
   if (err == nullptr) return -1;
@@ -97,12 +103,12 @@ int at_write_command(const char* text, int* err) {
     *err = EINVAL;
     return -1;
   }
-  const size_t len = strnlen(text, kAtMaxCommandLen + 1);
-  if (len > static_cast<size_t>(kAtMaxCommandLen)) {
+  const size_t len = strnlen(text, kMaxCommandLen + 1);
+  if (len > static_cast<size_t>(kMaxCommandLen)) {
     *err = EINVAL;
     return -1;
   }
-  char line[kAtLineBufSize];
+  char line[kLineBufSize];
   memcpy(line, text, len);
   line[len] = '\r';
   const size_t total = len + 1;
@@ -172,11 +178,11 @@ int at_probe_ok() {
     const ssize_t n = write(g_at_fd, kProbe, sizeof kProbe - 1);
     if (n > 0) break;
     if (n < 0 && errno == EINTR) continue;
-    if (++failures >= kAtOpenAttempts) return -1;
+    if (++failures >= kProbeWriteAttempts) return -1;
   }
 
   if (g_at_fd < 0 || g_at_fd >= FD_SETSIZE) return -1;
-  struct timeval wait = {kAtProbeWaitSeconds, 0};
+  struct timeval wait = {kProbeWaitSeconds, 0};
   for (;;) {
     fd_set readable;
     FD_ZERO(&readable);
@@ -193,5 +199,5 @@ int at_probe_ok() {
     n = read(g_at_fd, reply, sizeof reply - 1);
   } while (n < 0 && errno == EINTR);
   if (n <= 0) return -1;
-  return text_has(reply, "OK") ? 0 : -1;
+  return text_contains(reply, "OK") ? 0 : -1;
 }

@@ -6,8 +6,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "at/at.h"
-#include "core/paths.h"
+#include "at/internal.h"
 #include "platform/platform.h"
 
 volatile uint32_t g_at_ticks = 0;
@@ -18,10 +17,26 @@ char g_at_line_acc[kAtAccumulatorSize] = {};
 
 namespace {
 
+constexpr int32_t kDefaultTimeout = 30;
+constexpr int32_t kDrainTimeout = 10;
+constexpr int kSavePathSize = 512;
+constexpr int kRemoveCmdSize = 518;
+
+struct at_code_text {
+  int code;
+  const char* text;
+};
+
 // Matched by substring in this order, so "+CME ERROR" wins over "ERROR".
 constexpr at_code_text at_final_results[] = {
-    {2, "OK"},         {3, "+CME ERROR"}, {4, "+CMS ERROR"},          {5, "ERROR"},
-    {6, "NO CARRIER"}, {7, "NO ANSWER"},  {8, "COMMAND NOT SUPPORT"}, {9, "TOO MANY PARAMETERS"},
+    {AT_RESULT_OK, "OK"},
+    {AT_RESULT_CME_ERROR, "+CME ERROR"},
+    {AT_RESULT_CMS_ERROR, "+CMS ERROR"},
+    {AT_RESULT_ERROR, "ERROR"},
+    {AT_RESULT_NO_CARRIER, "NO CARRIER"},
+    {AT_RESULT_NO_ANSWER, "NO ANSWER"},
+    {AT_RESULT_NOT_SUPPORTED, "COMMAND NOT SUPPORT"},
+    {AT_RESULT_TOO_MANY_PARAMETERS, "TOO MANY PARAMETERS"},
     {-1, nullptr},
 };
 
@@ -38,74 +53,74 @@ constexpr at_code_text at_unsolicited_reports[] = {
 
 constexpr size_t kMaxLineLen = kAtAccumulatorSize - 1;
 
-bool contains(const char* text, const char* needle) { return strstr(text, needle) != nullptr; }
-
 int table_lookup(const at_code_text* table, const char* line) {
   for (const at_code_text* entry = table; entry->text != nullptr; ++entry) {
-    if (contains(line, entry->text)) return entry->code;
+    if (text_contains(line, entry->text)) return entry->code;
   }
   return -1;
 }
 
-// Appends `len` bytes to a terminated text of capacity `cap`, cutting the excess.
-void append_cut(char* text, size_t cap, const char* more, size_t len) {
-  const size_t used = strnlen(text, cap - 1);
-  const size_t room = cap - 1 - used;
-  if (len > room) len = room;
-  memcpy(text + used, more, len);
-  text[used + len] = '\0';
-}
-
-void append_text(char* text, size_t cap, const char* more) { append_cut(text, cap, more, strlen(more)); }
-
 bool ring_has_bytes() { return at_rx_ring.rpos >= 0 && at_rx_ring.rpos != at_rx_ring.wpos; }
 
-// Collects bytes up to the end of a line. True when the line ended; false when
-// the ring ran empty first (the partial line then waits in the accumulator).
+// Takes bytes from the ring straight into the line accumulator, one at a
+// time, up to the end of a line. True when the line ended; false when the
+// ring ran empty first (the partial line then waits in the accumulator).
+//
+// A CR is not stored: the byte after it decides. LF ends the line; any other
+// byte, a second CR included, is stored. A CR that was the last byte of a
+// pass leaves g_at_pending_cr set, and the next pass's first byte settles it:
+// LF ends the line, a CR is a new CR of its own, any other byte is stored.
 bool collect_line() {
-  char line[kAtAccumulatorSize];
-  size_t len = 0;
+  size_t len = strnlen(g_at_line_acc, kMaxLineLen);
+  bool after_cr = false;  // the byte taken before, in this pass, was a CR
   auto store = [&](uint8_t c) {
-    if (len < kMaxLineLen) line[len++] = static_cast<char>(c);
+    if (len < kMaxLineLen) {
+      g_at_line_acc[len++] = static_cast<char>(c);
+      g_at_line_acc[len] = '\0';
+    }
     g_at_pending_cr = 0;
   };
-  auto keep_partial = [&] {
-    append_cut(g_at_line_acc, sizeof g_at_line_acc, line, len);
-    return false;
+
+  auto line_ends = [] {
+    g_at_pending_cr = 0;
+    return true;
   };
 
-  for (;;) {
-    uint8_t c;
-    if (at_ring_take(&c) != 0) return keep_partial();
-    if (c == '\r') {
-      uint8_t next;
-      if (at_ring_take(&next) != 0) {
-        // Whether this CR ends the line is settled by the next call's first byte.
-        g_at_pending_cr = 1;
-        return keep_partial();
-      }
-      if (next == '\n') break;
-      store(next);
+  uint8_t c;
+  while (at_ring_take(&c) == 0) {
+    if (after_cr) {
+      after_cr = false;
+      if (c == '\n') return line_ends();
+      store(c);
+    } else if (c == '\r') {
+      after_cr = true;
     } else if (c == '\n' && g_at_pending_cr) {
-      break;
+      return line_ends();
     } else {
       store(c);
     }
   }
-  g_at_pending_cr = 0;
-  append_cut(g_at_line_acc, sizeof g_at_line_acc, line, len);
-  return true;
+  if (after_cr) g_at_pending_cr = 1;
+  return false;
 }
 
 struct save_file {
   FILE* fp = nullptr;
-  char path[kAtSavePathSize] = {};
+  char path[kSavePathSize] = {};
   ~save_file() {
     if (fp != nullptr) fclose(fp);
   }
 };
 
 }  // namespace
+
+void at_response_reset() {
+  g_at_ticks = 0;
+  g_at_seq = 0;
+  g_at_wait_state = AT_WAIT_PARSE;
+  g_at_pending_cr = 0;
+  g_at_line_acc[0] = '\0';
+}
 
 void at_tick() { g_at_ticks = g_at_ticks + 1; }
 
@@ -123,8 +138,8 @@ int at_find_final_result(const char* line, int* code) {
 
 int at_find_unsolicited(const char* line, int* code) {
   *code = -1;
-  if (contains(line, ">")) return 0;  // the text-input prompt, among others
-  if (line[0] != '^' && line[0] != '+' && !contains(line, "RING") && !contains(line, "CONNECT")) return -1;
+  if (text_contains(line, ">")) return 0;  // the text-input prompt, among others
+  if (line[0] != '^' && line[0] != '+' && !text_contains(line, "RING") && !text_contains(line, "CONNECT")) return -1;
   *code = table_lookup(at_unsolicited_reports, line);
   return 0;
 }
@@ -133,8 +148,9 @@ int at_assemble_lines(at_request* req) {
   at_reply_out& out = req->body.out;
   save_file save;
   if (req->save_to_file == 1) {
+    // The prefix copy is terminated by the wait: "+CMGL" gives /var/log/CMGL.
     const char* name = out.prefix[0] != '\0' ? out.prefix + 1 : out.prefix;
-    snprintf(save.path, sizeof save.path, "%s/%.*s", wds_paths::kVarLogDir, kAtPrefixSize - 1, name);
+    snprintf(save.path, sizeof save.path, wds_paths::kVarLogFileFmt, name);
     save.fp = fopen(save.path, "ab+");
     if (save.fp == nullptr) return -1;
   }
@@ -143,26 +159,27 @@ int at_assemble_lines(at_request* req) {
     if (!collect_line()) return -1;
     if (g_at_line_acc[0] == '\0') continue;  // empty line
 
-    if (contains(g_at_line_acc, "+CMGR") || contains(g_at_line_acc, "+CMGL") || contains(g_at_line_acc, "^CMGR")) {
-      append_text(g_at_line_acc, sizeof g_at_line_acc, "\r\n");
+    const char* line = g_at_line_acc;
+    if (text_contains(line, "+CMGR") || text_contains(line, "+CMGL") || text_contains(line, "^CMGR")) {
+      text_append(g_at_line_acc, sizeof g_at_line_acc, "\r\n");
     }
 
     int code;
-    bool reply_line = contains(g_at_line_acc, out.prefix);
+    bool reply_line = text_contains(g_at_line_acc, out.prefix);
     if (!reply_line && at_find_final_result(g_at_line_acc, &code) == 0) {
       out.result = static_cast<uint32_t>(code);
       if (save.fp != nullptr) {
         if (code == AT_RESULT_OK) {
           snprintf(out.response, sizeof out.response, "%s", save.path);
         } else {
-          char remove_cmd[kAtRemoveCmdSize];
+          char remove_cmd[kRemoveCmdSize];
           snprintf(remove_cmd, sizeof remove_cmd, "rm -f %s", save.path);
-          ZUN_UTIL_ExecCmdNoHang(remove_cmd);
+          ZUN_UTIL_ExecCmdNoHang(remove_cmd);  // a file left behind is rewritten by the next save
         }
       }
       // The caller gets the error text with its number.
       if (code == AT_RESULT_CME_ERROR || code == AT_RESULT_CMS_ERROR) {
-        append_text(out.response, sizeof out.response, g_at_line_acc);
+        text_append(out.response, sizeof out.response, "%s", g_at_line_acc);
       }
       g_at_line_acc[0] = '\0';
       return 0;
@@ -174,7 +191,7 @@ int at_assemble_lines(at_request* req) {
         fputs(g_at_line_acc, save.fp);
         fputs("\r\n", save.fp);
       } else {
-        append_text(out.response, sizeof out.response, g_at_line_acc);
+        text_append(out.response, sizeof out.response, "%s", g_at_line_acc);
       }
     }
     g_at_line_acc[0] = '\0';
@@ -185,7 +202,7 @@ int at_wait_response(at_request* req, int* err) {
   if (req == nullptr || err == nullptr) return -1;
   at_reply_out& out = req->body.out;
   g_at_ticks = 0;
-  if (req->timeout == 0) req->timeout = kAtDefaultTimeout;
+  if (req->timeout == 0) req->timeout = kDefaultTimeout;
   const int64_t limit = req->timeout;
   out.prefix[kAtPrefixSize - 1] = '\0';
   if (out.prefix[0] == '\0') snprintf(out.prefix, sizeof out.prefix, "%s", kAtNoPrefix);
@@ -260,7 +277,7 @@ int at_drain_reports() {
   req.single_pass = 1;
   req.seq = at_next_seq();
   req.save_to_file = 0;
-  req.timeout = kAtDrainTimeout;
+  req.timeout = kDrainTimeout;
   snprintf(req.body.in.command, sizeof req.body.in.command, "%s", kAtNoPrefix);
   snprintf(req.body.out.prefix, sizeof req.body.out.prefix, "%s", kAtNoPrefix);
   int err = 0;

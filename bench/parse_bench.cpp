@@ -7,9 +7,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "link/link.h"
+#include "link/internal.h"
+#include "log/internal.h"
 #include "log/log.h"
-#include "qmi/qmi.h"
+#include "qmi/internal.h"
 
 namespace {
 

@@ -1,6 +1,5 @@
 // Datacard bring-up: signals, mode, interface, pid file, driver probe,
 // control channel, tick, profile, status, WDS reset.
-#include <fcntl.h>
 #include <linux/ethtool.h>
 #include <linux/sockios.h>
 #include <net/if.h>
@@ -10,12 +9,9 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 
 #include "at/at.h"
 #include "core/core.h"
-#include "core/paths.h"
-#include "log/log.h"
 #include "platform/platform.h"
 #include "qmi/qmi.h"
 
@@ -27,51 +23,8 @@ constexpr int kTtyOpenAttempts = 5;
 constexpr int kClientIdAttempts = 5;
 constexpr unsigned kRetryPauseMs = 1000;
 constexpr unsigned kDatacardResetPauseMs = 2000;
-constexpr int kSigManualConnect = 37;
-constexpr int kSigConnectedMark = 36;
-constexpr int kSigReinit = 38;
-
 constexpr char kIfnameNdis[] = "rmnet_tarvek0";
 constexpr char kIfnameQmi[] = "rmnet0";
-
-struct handler_entry {
-  int sig;
-  void (*handler)(int);
-};
-
-// Installation order matters only for which failure is reported first.
-constexpr handler_entry kHandlers[] = {
-    {SIGHUP, wds_term_handle},     {SIGINT, wds_term_handle},    {SIGTERM, wds_term_handle},
-    {SIGCHLD, wds_chld_handle},    {SIGUSR1, wds_term_handle2},  {SIGUSR2, wds_term_handle2},
-    {SIGABRT, wds_term_handle2},   {SIGFPE, wds_term_handle2},   {SIGILL, wds_term_handle2},
-    {SIGPIPE, wds_term_handle2},   {SIGQUIT, wds_term_handle2},  {SIGSEGV, wds_term_handle2},
-    {SIGBUS, wds_term_handle2},    {SIGIO, wds_term_handle2},    {SIGPROF, wds_term_handle2},
-    {SIGSYS, wds_term_handle2},    {SIGTRAP, wds_term_handle2},  {SIGVTALRM, wds_term_handle2},
-    {SIGXCPU, wds_term_handle2},   {SIGXFSZ, wds_term_handle2},
-};
-
-constexpr handler_entry kRealtimeHandlers[] = {
-    {kSigManualConnect, wds_manual_connect_handle},
-    {kSigConnectedMark, wds_connected_mark_handle},
-    {kSigReinit, wds_reinit_handle},
-};
-
-void install_handler(const handler_entry& entry) {
-  struct sigaction action = {};
-  action.sa_handler = entry.handler;
-  sigfillset(&action.sa_mask);
-  action.sa_flags = 0;  // no restart: every signal must end a blocking call
-  if (sigaction(entry.sig, &action, nullptr) != 0) {
-    MAIN_ERROR("Couldn't establish signal handl (%d)", entry.sig);
-    wds_exit();
-  }
-}
-
-void install_signal_handlers() {
-  for (const auto& entry : kHandlers) install_handler(entry);
-  signal(SIGPIPE, SIG_IGN);
-  for (const auto& entry : kRealtimeHandlers) install_handler(entry);
-}
 
 int datacard_is_ndis() {
   FILE* chip = fopen(wds_paths::kDatacardChip, "r");
@@ -118,6 +71,7 @@ int probe_usbnet_with_retries() {
   return -1;
 }
 
+// The datacard's own AT tool restarts it; its outcome shows in the next bring-up.
 void reset_datacard() {
   ZUN_UTIL_ExecCmdNoHang("atcmd cfun set 4");
   msleep(kDatacardResetPauseMs);
@@ -128,13 +82,9 @@ void reset_datacard() {
 
 int open_qmitty_with_retries() {
   for (int attempt = 1; attempt <= kTtyOpenAttempts; ++attempt) {
-    if (qmitty_fd > 0) {
-      close(qmitty_fd);
-      qmitty_fd = -1;
-    }
-    qmitty_fd = open(wds_paths::kQmiTty, O_RDWR);
-    if (qmitty_fd >= 0) {
-      printf("\n===>QMITTY can be opened fd = %d\n", qmitty_fd);
+    const int fd = qmi_tty_open();
+    if (fd >= 0) {
+      printf("\n===>QMITTY can be opened fd = %d\n", fd);
       return 0;
     }
     printf("\n===>QMITTY can't be open,Reboot datacard\n");
@@ -159,7 +109,7 @@ int query_client_id_with_retries() {
 }
 
 int open_qmi_channel() {
-  if (open_qmitty_with_retries() != 0 || qmitty_fd < 0) return -1;
+  if (open_qmitty_with_retries() != 0) return -1;
   return query_client_id_with_retries();
 }
 
@@ -168,13 +118,13 @@ int open_qmi_channel() {
 int wds_bring_up() {
   wds_state_print(WDS_STATE_INIT);
   sleep(kSettleSeconds);
-  install_signal_handlers();
+  wds_install_signal_handlers();
 
   g_ndis_mode = datacard_is_ndis();
   snprintf(g_acIfname, sizeof g_acIfname, "%s", g_ndis_mode ? kIfnameNdis : kIfnameQmi);
 
   if (wds_pid_file_create() != 0) return -1;
-  memset(&wan_profile, 0, sizeof wan_profile);
+  wan_profile = {};
   qmi_event_ring_reset();
 
   if (probe_usbnet_with_retries() != 0) return -1;
@@ -188,7 +138,7 @@ int wds_bring_up() {
   // The WDS reset below counts its time-out in ticks: the tick must run first.
   wds_timer_start();
   if (get_curr_profile() == -1) return -1;
-  wds_status_write(WDS_STATUS_READY);
+  wds_status_write(WDS_STATUS_READY);  // a status file that cannot be written is logged there
   if (!g_ndis_mode && wds_reset_service() != 0) return -1;
 
   g_reinit_req = 0;

@@ -4,15 +4,10 @@
 #include "at/at.h"
 #include "core/core.h"
 #include "link/link.h"
-#include "log/log.h"
 #include "qmi/qmi.h"
-
-ndis_ctx_t ndis_ctx;
 
 namespace {
 
-constexpr uint8_t kStatusDisconnected = 1;
-constexpr uint8_t kStatusConnected = 2;
 constexpr uint8_t kIndicationWaitTicks = 3;
 // Whole-call budget: the start response's wait plus the settings tries.
 constexpr int kConnectBudgetTicks = 117;
@@ -38,9 +33,9 @@ int qmi_connect() {
 
   // A time-out is fine when an earlier indication already said connected.
   int waited = wait_srvc_status_ind(kIndicationWaitTicks);
-  if ((waited != 0 && waited != -2) || connection_status != kStatusConnected ||
+  if ((waited != kQmiOk && waited != kQmiTimeout) || connection_status != QMI_PKT_CONNECTED ||
       reconfiguration_flag != 0) {
-    wds_stop_network();
+    wds_stop_network();  // the attempt has failed either way; a stop not answered keeps the handle
     return -1;
   }
 
@@ -49,7 +44,7 @@ int qmi_connect() {
   for (;;) {
     int result = wds_get_runtime_settings();
     if (result == 0 && link_settings.ipv4_addr != 0) break;
-    if (result == -1 && connection_status == kStatusDisconnected) {
+    if (result == kQmiFail && connection_status == QMI_PKT_DISCONNECTED) {
       conn_handle = 0;  // the modem ended the call: nothing left to stop
       return -1;
     }
@@ -61,7 +56,7 @@ int qmi_connect() {
   }
   // An address that came after the budget ran out does not count.
   if (tries == 0 || budget <= 0) {
-    wds_stop_network();
+    wds_stop_network();  // as above
     return -1;
   }
   return 0;
@@ -77,7 +72,7 @@ int wds_connect() {
   }
   wds_link_up();
   g_connected = 1;
-  usbnet_private_probe(g_acIfname);
+  usbnet_private_probe(g_acIfname);  // the driver's answer changes nothing here
   return 0;
 }
 
@@ -85,13 +80,13 @@ int wds_disconnect() {
   for (int attempt = 1; attempt <= kDisconnectAttempts; ++attempt) {
     if (wds_stop_network() != 0) continue;
     int waited = wait_srvc_status_ind(kIndicationWaitTicks);
-    if (waited != 0 && waited != -2) continue;
-    if (connection_status != kStatusDisconnected) continue;
+    if (waited != kQmiOk && waited != kQmiTimeout) continue;
+    if (connection_status != QMI_PKT_DISCONNECTED) continue;
     MAIN_INFO("wds_disconnect : disconnected successful\n");
     return 0;
   }
   MAIN_ERROR("wds_disconnect : disconnected 3 times failed");
-  connection_status = kStatusDisconnected;
+  connection_status = QMI_PKT_DISCONNECTED;
   reconfiguration_flag = 0;
   return -1;
 }
@@ -104,6 +99,7 @@ int _ndis_connect(ndis_ctx_t* ctx) {
   // line, the OK would never be seen and every dial would time out. Echo is
   // turned off before each dial (a modem that restarted echoes again); ATE0
   // itself carries no reply prefix, so its OK is found even when echoed.
+  // Not checked: the dial is tried whatever ATE0 answered.
   int echo_err;
   at_echo_off(&echo_err);
   if (ndis_at_connect(&wan_profile) != 0) return -1;
@@ -118,12 +114,12 @@ int _ndis_connect(ndis_ctx_t* ctx) {
     }
   }
   if (!have_address) {
-    ndis_disconnect();
+    ndis_disconnect();  // the dial failed either way
     g_connected = 0;
     return -1;
   }
 
-  memset(&link_settings, 0, sizeof link_settings);
+  link_settings = {};
   link_settings.primary_dns = first_octet_first(dhcp.primary_dns);
   link_settings.secondary_dns = first_octet_first(dhcp.secondary_dns);
   link_settings.ipv4_addr = first_octet_first(dhcp.ipv4_addr);

@@ -1,40 +1,14 @@
-// The per-interface control files: status, dial request and pid file.
-#include <fcntl.h>
+// The per-interface control files the connection manager owns: the dial
+// request and the pid file (the status file is in wan/).
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 
 #include "core/core.h"
-#include "core/paths.h"
-#include "log/log.h"
-
-namespace {
-constexpr size_t kFilePathSize = 128;
-}
-
-int WriteToFile(const char* path, const char* text) {
-  FILE* file = fopen(path, "w");
-  if (file == nullptr) {
-    MAIN_ERROR("WriteToFile open file[%s] fail.", path);
-    return -1;
-  }
-  fprintf(file, "%s\n", text);
-  fclose(file);
-  return 0;
-}
-
-int wds_status_write(int code) {
-  char path[kFilePathSize];
-  char text[kFilePathSize];
-  snprintf(path, sizeof path, wds_paths::kWanStatusFmt, g_acIfname);
-  snprintf(text, sizeof text, "%d", code);
-  WriteToFile(path, text);
-  return 0;
-}
 
 int wds_dial_read() {
-  char path[kFilePathSize];
+  char path[kTextBufSize];
   snprintf(path, sizeof path, wds_paths::kWanDialFmt, g_acIfname);
   FILE* file = fopen(path, "r");
   if (file == nullptr) return WDS_DIAL_NONE;
@@ -45,10 +19,10 @@ int wds_dial_read() {
 }
 
 void wds_dial_take_request() {
-  char path[kFilePathSize];
+  char path[kTextBufSize];
   snprintf(path, sizeof path, wds_paths::kWanDialFmt, g_acIfname);
   FILE* file = fopen(path, "w");
-  if (file == nullptr) return;
+  if (file == nullptr) return;  // silently: the request then stays and is taken again
   fputs("0", file);
   fclose(file);
 }
@@ -67,5 +41,6 @@ int wds_pid_file_create() {
 }
 
 void wds_pid_file_remove() {
+  // Nothing is left to do when it cannot be removed: the process is ending.
   if (g_acPidpath[0] != '\0' && access(g_acPidpath, F_OK) == 0) remove(g_acPidpath);
 }

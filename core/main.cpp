@@ -3,7 +3,6 @@
 
 #include <csetjmp>
 #include <cstdio>
-#include <cstring>
 
 #include "core/core.h"
 #include "log/log.h"
@@ -19,15 +18,17 @@ int main() {
   // it is a file or a pipe.
   setvbuf(stdout, nullptr, _IOLBF, 0);
 
-  memset(g_acIfname, 0, sizeof g_acIfname);
-  memset(g_acPidpath, 0, sizeof g_acPidpath);
-  memset(g_acProfilepath, 0, sizeof g_acProfilepath);
+  // The interface name and the paths built from it start empty.
+  wan_reset();
+  wds_core_reset();
 
   if (log_open() < 0) return -1;
 
   // Termination and fault handlers jump back here, with the saved signal mask.
   if (sigsetjmp(wds_restart_point, 1) != 0) wds_exit();
 
-  ZUN_MSG_Init("qmi");
+  // Not checked: a failed registration only loses bus notifications, which
+  // the daemon never waits for.
+  ZUN_MSG_Init(kQmiBusName);
   wds_state_machine_run();
 }

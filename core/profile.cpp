@@ -6,16 +6,13 @@
 #include <cstring>
 
 #include "core/core.h"
-#include "core/paths.h"
-#include "log/log.h"
-
-wan_profile_t wan_profile;
 
 namespace {
 
+// A text value, cut to its field.
 template <size_t N>
-void copy_value(char (&field)[N], const char* value, size_t limit) {
-  snprintf(field, N, "%.*s", static_cast<int>(limit), value);
+void copy_value(char (&field)[N], const char* value) {
+  snprintf(field, N, "%s", value);
 }
 
 // Keys are tested in this order as substrings; the first one found decides.
@@ -28,21 +25,21 @@ void profile_parse_line(const char* line) {
     return true;
   };
   if (found("username = ")) {
-    copy_value(wan_profile.username, value, 64);
+    copy_value(wan_profile.username, value);
   } else if (found("password = ")) {
-    copy_value(wan_profile.password, value, 64);
+    copy_value(wan_profile.password, value);
   } else if (found("dial_mode = ")) {
-    copy_value(wan_profile.dial_mode, value, 15);
+    copy_value(wan_profile.dial_mode, value);
   } else if (found("auth = ")) {
     wan_profile.auth = static_cast<uint32_t>(atoi(value));
   } else if (found("idletime = ")) {
     wan_profile.idletime = static_cast<uint32_t>(atoi(value));
   } else if (found("dialnumber = ")) {
-    copy_value(wan_profile.dialnumber, value, 64);
+    copy_value(wan_profile.dialnumber, value);
   } else if (found("setapn = ")) {
-    copy_value(wan_profile.apn, value, 64);
+    copy_value(wan_profile.apn, value);
   } else if (found("setip = ")) {
-    copy_value(wan_profile.ip, value, 15);
+    copy_value(wan_profile.ip, value);
   } else if (found("mru = ")) {
     wan_profile.mru = static_cast<uint32_t>(atoi(value));
   }

@@ -5,19 +5,12 @@
 
 #include "core/core.h"
 #include "link/link.h"
-#include "log/log.h"
 
 namespace {
 
 constexpr unsigned kBringUpRetryMs = 3000;
 constexpr unsigned kDialPollSeconds = 3;
 constexpr unsigned kConnectRetrySeconds = 5;
-
-constexpr const char* kStateNames[] = {
-    "wds state : init...\n",       "wds state : ready\n", "wds state : connecting...\n",
-    "wds state : connected\n",     "wds state : disconnected\n", "wds state : idle\n",
-    "wds state : exit\n",
-};
 
 bool dial_wants_link(int dial) {
   return dial == WDS_DIAL_MANUAL || dial == WDS_DIAL_ALWAYS || dial == WDS_DIAL_DEMAND;
@@ -63,6 +56,7 @@ int step_ready() {
 
 int step_connecting() {
   if (wds_connect() == 0) return WDS_STATE_CONNECTED;
+  // Plain sleep: a tick may cut it short, which only makes the retry sooner.
   sleep(kConnectRetrySeconds);
   return WDS_STATE_READY;
 }
@@ -84,23 +78,17 @@ int step_connected() {
 }
 
 int step_disconnected() {
-  if (!g_ndis_mode) {
-    wds_disconnect();
-  } else if (ndis_ctx.connected) {
-    ndis_disconnect();
-    ndis_ctx.connected = 0;
-    g_connected = 0;
-  }
-  if (g_dial == WDS_DIAL_DEMAND) demand_traffic_check(1);
-  g_connected = 0;
-  wds_link_down();
+  // An NDIS call is hung up only once it is marked up.
+  if (!g_ndis_mode || ndis_ctx.connected) wds_hang_up();
+  if (g_dial == WDS_DIAL_DEMAND) demand_traffic_check(1);  // a reset cannot fail
+  wds_link_teardown();
   return WDS_STATE_READY;
 }
 
 int step_idle() {
   sigset_t none;
   sigemptyset(&none);
-  sigsuspend(&none);
+  sigsuspend(&none);  // returns once a handler has run; there is nothing else to learn from it
   qmi_event_drain();
   if (g_reinit_req) {
     g_reinit_req = 0;
@@ -118,7 +106,7 @@ int step_idle() {
 
 int wds_state_print(int state) {
   if (state >= WDS_STATE_INIT && state <= WDS_STATE_EXIT) {
-    MAIN_INFO("%s", kStateNames[state]);
+    MAIN_INFO("%s", kWdsStateNames[state]);
   } else {
     MAIN_INFO("wds state : unknown.\n");
   }

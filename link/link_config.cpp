@@ -1,23 +1,20 @@
 // Host side of the link: interface and route commands, the state files that
-// publish the call's settings, and the notifications to "cms".
+// publish the call's settings, and the notifications to "cms". The demand
+// mode's placeholder link is in demand.cpp.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
 #include <cstdio>
-#include <cstring>
 
-#include "core/core.h"
-#include "core/paths.h"
-#include "link/link.h"
+#include "link/internal.h"
 #include "platform/platform.h"
-#include "qmi/qmi.h"
+#include "wan/wan.h"
 
 namespace {
 
-constexpr size_t kInitCmdSize = 260;
-constexpr size_t kCmdSize = 128;
-constexpr size_t kTextSize = 128;
 constexpr size_t kAddrTextSize = 16;  // "255.255.255.255" and its terminator
+// The TCP MSS is the profile's mru less the IPv4 and TCP headers.
+constexpr int kTcpMssOverhead = 80;
 
 // Dotted-decimal text of an address in network byte order. inet_ntoa hands
 // back one static buffer, so each rendering is copied out at once.
@@ -27,56 +24,36 @@ void addr_text(uint32_t addr, char (&text)[kAddrTextSize]) {
   snprintf(text, sizeof text, "%s", inet_ntoa(in));
 }
 
-void write_wan_file(const char* name, const char* text) {
-  char path[kTextSize];
-  snprintf(path, sizeof path, wds_paths::kWanFileFmt, g_acIfname, name);
-  WriteToFile(path, text);
-}
-
-// Appends as much of `text` as fits, keeping the terminator.
-void append_text(char* buf, size_t size, const char* text) {
-  size_t used = strnlen(buf, size);
-  if (used + 1 >= size) return;
-  snprintf(buf + used, size - used, "%s", text);
-}
-
-void send_demand_link_ready() {
-  // The peer expects a fixed 64-byte name field, NUL-padded.
-  char payload[kDemandLinkReadyLen] = {};
-  memcpy(payload, g_acIfname, strnlen(g_acIfname, sizeof payload));
-  ZUN_MSG_SendMsgData(kCmsBusName, CMS_MSG_DEMAND_LINK_READY, payload, sizeof payload);
-}
-
 }  // namespace
+
+// Command results are never examined: a command that fails leaves the
+// interface as it was, and the next step runs regardless.
+
+void write_wan_file(const char* name, const char* text) {
+  char path[kTextBufSize];
+  snprintf(path, sizeof path, wds_paths::kWanFileFmt, g_acIfname, name);
+  WriteToFile(path, text);  // a file that cannot be written is logged there
+}
 
 void wds_notify_cms() {
   ZUN_MSG_Init(kQmiBusName);
+  // Sent once and not confirmed: a "cms" that is not listening misses it.
   ZUN_MSG_SendMsgData(kCmsBusName, CMS_MSG_WAN_LINK_CHANGED, nullptr, 0);
 }
 
 void wds_link_init() {
-  char acCmd[kInitCmdSize];
   if (g_dial == WDS_DIAL_DEMAND) {
-    // The double blanks are part of the gateway's established command lines.
-    snprintf(acCmd, sizeof acCmd, "ifconfig %s %s netmask  255.255.255.255", g_acIfname, kDemandAddr);
-    printf("\nacCmd=[%s]\n", acCmd);
-    ZUN_UTIL_ExecCmdNoHang(acCmd);
-
-    snprintf(acCmd, sizeof acCmd, "route add -host %s dev %s", kDemandGateway, g_acIfname);
-    printf("\nacCmd=[%s]\n", acCmd);
-    ZUN_UTIL_ExecCmdNoHang(acCmd);
-
-    ZUN_UTIL_ExecCmdNoHang("route  add  default  gw  10.112.112.112");
-    send_demand_link_ready();
+    demand_link_init();
     return;
   }
+  char acCmd[kInitCmdSize];
   snprintf(acCmd, sizeof acCmd, "ifconfig %s 0.0.0.0", g_acIfname);
   printf("\nacCmd=[%s]\n", acCmd);
   ZUN_UTIL_ExecCmdNoHang(acCmd);
 }
 
 void wds_link_up() {
-  char cmd[kCmdSize];
+  char cmd[kTextBufSize];
   char addr[kAddrTextSize];
   char mask[kAddrTextSize];
   char gateway[kAddrTextSize];
@@ -94,7 +71,7 @@ void wds_link_up() {
   printf("\n\n\n\ncmd2=[%s]\n\n\n", cmd);
 
   // The MSS file is written by the shell, as the gateway's other tools do.
-  char path[kTextSize];
+  char path[kTextBufSize];
   snprintf(path, sizeof path, wds_paths::kWanTcpMssFmt, g_acIfname);
   const int32_t mss = static_cast<int32_t>(wan_profile.mru - static_cast<uint32_t>(kTcpMssOverhead));
   snprintf(cmd, sizeof cmd, "echo %d > %s", static_cast<int>(mss), path);
@@ -108,18 +85,15 @@ void wds_link_up() {
   if (link_settings.subnet_mask != 0) write_wan_file("mask", mask);
   if (link_settings.gateway != 0) write_wan_file("gateway", gateway);
 
-  char dns[kTextSize] = {};
+  char dns[kTextBufSize] = {};
+  char server[kAddrTextSize];
   if (link_settings.primary_dns != 0) {
-    char server[kAddrTextSize];
     addr_text(link_settings.primary_dns, server);
-    append_text(dns, sizeof dns, "nameserver ");
-    append_text(dns, sizeof dns, server);
+    text_append(dns, sizeof dns, "nameserver %s", server);
   }
   if (link_settings.secondary_dns != 0) {
-    char server[kAddrTextSize];
     addr_text(link_settings.secondary_dns, server);
-    append_text(dns, sizeof dns, "\nnameserver ");
-    append_text(dns, sizeof dns, server);
+    text_append(dns, sizeof dns, "\nnameserver %s", server);
   }
   if (dns[0] != '\0') write_wan_file("dns", dns);
 
@@ -127,16 +101,11 @@ void wds_link_up() {
 }
 
 void wds_link_down() {
-  char cmd[kCmdSize];
   const bool demand = g_dial == WDS_DIAL_DEMAND;
   if (demand) {
-    // Back to the placeholder so the next outgoing packet can start a call;
-    // the default route through it is still in place from the initial setup.
-    snprintf(cmd, sizeof cmd, "ifconfig %s %s netmask %s", g_acIfname, kDemandAddr, kDemandMask);
-    ZUN_UTIL_ExecCmdNoHang(cmd);
-    snprintf(cmd, sizeof cmd, "route add -host %s dev %s", kDemandGateway, g_acIfname);
-    ZUN_UTIL_ExecCmdNoHang(cmd);
+    demand_link_restore();
   } else {
+    char cmd[kTextBufSize];
     char gateway[kAddrTextSize];
     addr_text(link_settings.gateway, gateway);
     snprintf(cmd, sizeof cmd, "route del -host %s dev %s", gateway, g_acIfname);
@@ -150,10 +119,5 @@ void wds_link_down() {
   write_wan_file("mask", "");
   wds_notify_cms();
 
-  if (demand) {
-    write_wan_file("ipaddr", kDemandAddr);
-    write_wan_file("mask", kDemandMask);
-    write_wan_file("gateway", kDemandGateway);
-    send_demand_link_ready();
-  }
+  if (demand) demand_link_publish();
 }

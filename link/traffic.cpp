@@ -1,35 +1,26 @@
-// Traffic counters of the interface from /proc/net/dev, the demand-dial
-// traffic check, and the driver probe sent once the link is configured.
-#include <net/if.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <linux/sockios.h>
-
+// Traffic counters of the interface from /proc/net/dev.
+#include <cctype>
 #include <cstdio>
 #include <cstring>
 
-#include "core/core.h"
-#include "core/paths.h"
-#include "link/link.h"
-
-int g_demand_started = 0;
-int32_t g_demand_hits = 0;
-uint32_t g_demand_last_tx = 0;
+#include "link/internal.h"
+#include "wan/wan.h"
 
 namespace {
 
 // Lines 0 and 1 of /proc/net/dev are the column headers.
 constexpr int kNetDevHeaderLines = 2;
-constexpr int kProbeDataSize = 32;
+constexpr int kNetDevLineSize = 512;
+constexpr int kNetDevTokens = 17;
+constexpr int kNetDevTokenSize = 32;
 
 // Token positions of the kept counters, in the order of dev_traffic.
 constexpr int kCounterTokens[] = {1, 2, 3, 4, 9, 10, 11, 12};
 static_assert(sizeof(kCounterTokens) / sizeof(kCounterTokens[0]) == sizeof(dev_traffic) / sizeof(uint32_t));
 
-bool is_digit(char c) { return c >= '0' && c <= '9'; }
-bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\v' || c == '\f' || c == '\r'; }
+// The tokens are blank-separated as scanf's "%s" separates them.
+bool is_space(char c) { return isspace(static_cast<unsigned char>(c)) != 0; }
+bool is_digit(char c) { return isdigit(static_cast<unsigned char>(c)) != 0; }
 
 // The kernel prints a wide first counter right after the colon
 // ("rmnet0:4294967296 ..."); a blank is put in so that it is a token of its own.
@@ -49,10 +40,10 @@ void split_tokens(const char* line, char (&tokens)[kNetDevTokens][kNetDevTokenSi
   memset(tokens, 0, sizeof tokens);
   const char* p = line;
   for (int i = 0; i < kNetDevTokens; ++i) {
-    while (*p != '\0' && is_blank(*p)) ++p;
+    while (*p != '\0' && is_space(*p)) ++p;
     if (*p == '\0') return;
     size_t len = 0;
-    while (*p != '\0' && !is_blank(*p)) {
+    while (*p != '\0' && !is_space(*p)) {
       if (len + 1 < kNetDevTokenSize) tokens[i][len++] = *p;
       ++p;
     }
@@ -101,50 +92,4 @@ int get_dev_traffic(const char* ifname, dev_traffic* traffic) {
   int result = read_dev_traffic(file, ifname, traffic);
   fclose(file);
   return result;
-}
-
-int demand_traffic_check(int reset) {
-  if (reset != 0) {
-    // The baseline value and a raised flag outlive a reset.
-    g_demand_started = 0;
-    g_demand_hits = 0;
-    return 0;
-  }
-
-  dev_traffic traffic = {};
-  if (get_dev_traffic(g_acIfname, &traffic) != 0) return -1;
-  if (g_demand_started == 0) {
-    g_demand_started = 1;
-    g_demand_last_tx = traffic.tx_bytes;
-    return 0;
-  }
-
-  // An absent interface reads 0, and a falling counter neither lowers the
-  // baseline nor clears the rises seen so far.
-  if (traffic.tx_bytes == 0 || traffic.tx_bytes <= g_demand_last_tx) return 0;
-  ++g_demand_hits;
-  if (g_demand_hits <= 1) {
-    g_demand_last_tx = traffic.tx_bytes;
-    return 0;
-  }
-  // Two rises: outgoing traffic is waiting for a call.
-  g_demand_dial = 1;
-  g_demand_hits = 0;
-  g_demand_started = 0;
-  return 0;
-}
-
-int usbnet_private_probe(const char* ifname) {
-  int sock = socket(AF_INET, SOCK_DGRAM, 0);
-  if (sock < 0) return -1;
-  ifreq request;
-  memset(&request, 0, sizeof request);
-  unsigned char data[kProbeDataSize] = {};
-  if (ifname != nullptr) {
-    memcpy(request.ifr_name, ifname, strnlen(ifname, sizeof request.ifr_name - 1));
-  }
-  request.ifr_data = reinterpret_cast<char*>(data);
-  int result = ioctl(sock, SIOCDEVPRIVATE, &request);
-  close(sock);
-  return result == 0 ? 0 : -1;
 }

@@ -5,23 +5,27 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cstdarg>
 #include <cstdio>
 
-#include "core/paths.h"
+#include "log/internal.h"
 
 int log_fd = -1;
 int log_bytes = 0;
 
 namespace {
 
+constexpr char kLogFile[] = "/var/log/wds.log";
 constexpr mode_t kLogFileMode = 0644;
+constexpr int kLogSizeLimit = 65536;
+constexpr int kLogRecordSize = 1024;
 
 // Called after log_bytes grew: empties the file once the count passed the
 // limit. Returns false when the reopen failed and the log is now closed.
 bool log_truncate_if_full() {
   if (log_bytes <= kLogSizeLimit) return true;
   close(log_fd);
-  log_fd = open(wds_paths::kLogFile, O_RDWR | O_CREAT | O_TRUNC, kLogFileMode);
+  log_fd = open(kLogFile, O_RDWR | O_CREAT | O_TRUNC, kLogFileMode);
   if (log_fd < 0) return false;
   log_bytes = 0;
   return true;
@@ -34,20 +38,7 @@ void log_write_text(const char* text, size_t len) {
   (void)ignored;
 }
 
-}  // namespace
-
-int log_open() {
-  log_fd = open(wds_paths::kLogFile, O_RDWR | O_CREAT | O_APPEND, kLogFileMode);
-  return log_fd;
-}
-
-void log_close() {
-  if (log_fd < 0) return;
-  close(log_fd);
-  log_fd = -1;
-}
-
-void log_vwrite(const char* fmt, va_list ap) {
+__attribute__((format(printf, 1, 0))) void log_vwrite(const char* fmt, va_list ap) {
   char record[kLogRecordSize];
   int formatted = vsnprintf(record, sizeof record, fmt, ap);
   if (formatted < 0) record[0] = '\0';
@@ -60,6 +51,24 @@ void log_vwrite(const char* fmt, va_list ap) {
   // Each record ends with exactly one newline of its own.
   if (n > 0 && record[n - 1] == '\n') --n;
   log_write_text(record, n);
+}
+
+}  // namespace
+
+void log_reset() {
+  log_close();
+  log_bytes = 0;
+}
+
+int log_open() {
+  log_fd = open(kLogFile, O_RDWR | O_CREAT | O_APPEND, kLogFileMode);
+  return log_fd;
+}
+
+void log_close() {
+  if (log_fd < 0) return;
+  close(log_fd);
+  log_fd = -1;
 }
 
 void info(const char* fmt, ...) {

@@ -1,7 +1,6 @@
 // Size-bounded log file "/var/log/wds.log" and the hex dump of QMI messages.
 #pragma once
 #include <cerrno>
-#include <cstdarg>
 #include <cstring>
 #include <unistd.h>
 
@@ -12,15 +11,11 @@ __attribute__((visibility("default"), format(printf, 1, 2))) void error(const ch
 }
 
 __attribute__((format(printf, 1, 2))) void info(const char* fmt, ...);
-__attribute__((format(printf, 1, 0))) void log_vwrite(const char* fmt, va_list ap);
+// Opens "/var/log/wds.log" for appending; the descriptor, or -1.
 int log_open();
 void log_close();
+// Hex dump of a QMI message, 16 bytes to a row.
 void dump_msg(const unsigned char* buf, int len);
-
-inline constexpr int kLogSizeLimit = 65536;
-inline constexpr int kLogRecordSize = 1024;
-extern int log_fd;
-extern int log_bytes;
 
 // Record prefixes. Each call site passes its module name ("main", "wds_msg",
 // "atrwapi"), its own source line and the process id; error records carry

@@ -1,6 +1,7 @@
 // AT response parser stand-in: finds the reply line that carries a prefix,
 // splits its comma-separated values and names them by a layout chosen with
 // the selector. The list lives on the heap until free_at_cmd.
+#include <cctype>
 #include <cstdlib>
 #include <cstring>
 
@@ -28,15 +29,13 @@ const at_line_layout* find_layout(int selector) {
   return nullptr;
 }
 
-bool is_blank(char c) { return c == ' ' || c == '\t'; }
-
 // The values of the first occurrence of `prefix` that is followed by blanks and
 // a colon; an echoed command ("AT^DHCP?") carries the prefix but no colon.
 const char* find_values(const char* text, const char* prefix) {
   const size_t prefix_len = strlen(prefix);
   for (const char* at = strstr(text, prefix); at != nullptr; at = strstr(at + 1, prefix)) {
     const char* p = at + prefix_len;
-    while (is_blank(*p)) ++p;
+    while (isblank(static_cast<unsigned char>(*p))) ++p;
     if (*p == ':') return p + 1;
   }
   return nullptr;
@@ -82,8 +81,8 @@ int at_cmd_parse(at_cmd_field** head, const char* prefix, const char* text, int 
     while (end < line_end && *end != ',') ++end;
     const char* first = p;
     const char* last = end;
-    while (first < last && is_blank(*first)) ++first;
-    while (last > first && is_blank(last[-1])) --last;
+    while (first < last && isblank(static_cast<unsigned char>(*first))) ++first;
+    while (last > first && isblank(static_cast<unsigned char>(last[-1]))) --last;
     if (!append_field(&tail, layout->names[count], first, static_cast<size_t>(last - first))) {
       free_at_cmd(*head);
       *head = nullptr;

@@ -3,8 +3,7 @@
 // byte by byte, so the bytes are the same on any host.
 #include <cstring>
 
-#include "log/log.h"
-#include "qmi/qmi.h"
+#include "qmi/internal.h"
 
 uint16_t g_tx_id = 0;
 uint16_t g_qmi_result = 1;
@@ -15,7 +14,19 @@ namespace {
 constexpr uint8_t kResultTlvType = 0x02;
 constexpr uint16_t kResultTlvLen = 4;
 
+uint16_t qmi_next_tx_id() {
+  g_tx_id = static_cast<uint16_t>(g_tx_id + 1);
+  if (g_tx_id == 0) g_tx_id = 1;   // 0 never goes out
+  return g_tx_id;
+}
+
 }  // namespace
+
+void qmi_codec_reset() {
+  g_tx_id = 0;
+  g_qmi_result = 1;
+  g_qmi_error = 0;
+}
 
 uint8_t get_byte(const uint8_t* base, uint32_t* cursor) {
   if (base == nullptr || cursor == nullptr) {
@@ -88,12 +99,6 @@ void put_word(uint8_t* dst, uint16_t value) {
 void put_double_word(uint8_t* dst, uint32_t value) {
   put_word(dst, static_cast<uint16_t>(value >> 16));
   put_word(dst + 2, static_cast<uint16_t>(value));
-}
-
-uint16_t qmi_next_tx_id() {
-  g_tx_id = static_cast<uint16_t>(g_tx_id + 1);
-  if (g_tx_id == 0) g_tx_id = 1;   // 0 never goes out
-  return g_tx_id;
 }
 
 uint16_t qmi_put_request_header(uint8_t* out, uint16_t msg_type, uint16_t mlen) {

@@ -1,10 +1,13 @@
 // Texts of QMI error codes and call-end reasons, for the log only.
 #include <array>
+#include <cstddef>
 
 #include "qmi/qmi.h"
 
 namespace {
 
+constexpr uint16_t kQmiErrorCount = 38;
+constexpr uint16_t kCallEndReasonCount = 9;
 constexpr char kUnsupportedErrorCode[] = "UNSUPPORTED ERROR CODE";
 
 // Indexed by the error code of the result TLV.

@@ -1,29 +1,10 @@
-// WDS client over the QMI tty: codec, transport, requests, error tables.
-//
-// Messages on the tty are bare WDS service messages, every multi-byte field
-// most significant byte first:
-//   ctl_flag u8 | txId u16 | msg_type u16 | mlen u16 | mlen bytes of TLVs
-// and each TLV is  type u8 | length u16 | value.
+// WDS client over the QMI tty: what the connection manager uses of it, and
+// the message identifiers and error tables that tools decoding the wire share.
 #pragma once
 #include <cerrno>
-#include <cstddef>
 #include <cstdint>
 
-#include "core/core.h"
-
-inline constexpr char kQmiModule[] = "wds_msg";
-#define QMI_INFO(fmt, ...) WDS_INFO(kQmiModule, fmt __VA_OPT__(,) __VA_ARGS__)
-#define QMI_ERROR(fmt, ...) WDS_ERROR(kQmiModule, fmt __VA_OPT__(,) __VA_ARGS__)
-
-// ---- Wire constants -------------------------------------------------------
-
-inline constexpr uint32_t kQmiHeaderSize = 7;
-inline constexpr uint32_t kQmiTlvHeaderSize = 3;
-inline constexpr uint32_t kQmiBufSize = 1000;   // request and receive buffers
-
-inline constexpr uint8_t kQmiCtlRequest = 0x00;
-inline constexpr uint8_t kQmiCtlResponse = 0x02;
-inline constexpr uint8_t kQmiCtlIndication = 0x04;
+// ---- WDS message identifiers ---------------------------------------------------
 
 inline constexpr uint16_t kWdsReset = 0x0000;
 inline constexpr uint16_t kWdsAbort = 0x0002;
@@ -32,128 +13,54 @@ inline constexpr uint16_t kWdsStopNetwork = 0x0021;
 inline constexpr uint16_t kWdsPktSrvcStatus = 0x0022;   // response and indication
 inline constexpr uint16_t kWdsRuntimeSettings = 0x002D;
 
-// Wait and request results.
+// ---- Error and call-end texts (errors.cpp) ----------------------------------------
+
+// Text of a result TLV's error code, or "Unknown Error." past the table.
+const char* qmi_error_text(uint16_t code);
+// Text of a status indication's call-end reason, or "Unknown reason.".
+const char* call_end_reason_text(uint16_t reason);
+
+// ---- Results of waits and requests -----------------------------------------------
+
 inline constexpr int kQmiOk = 0;
 inline constexpr int kQmiFail = -1;
 inline constexpr int kQmiTimeout = -2;
 inline constexpr int kQmiTtyGone = ENODEV;
 static_assert(kQmiTtyGone == 19, "the tty-gone result is the errno value ENODEV");
-// Verdicts of parse_msg beyond those: keep waiting, or an awaited id we cannot parse.
-inline constexpr int kQmiMismatch = -2;
-inline constexpr int kQmiUnsupported = -3;
 
-// ---- Codec (codec.cpp) ------------------------------------------------------
-
-extern uint16_t g_tx_id;        // last identifier sent; 0 only before the first request
-extern uint16_t g_qmi_result;   // result of the last parsed response: 0 success, 1 failure
-extern uint16_t g_qmi_error;    // its QMI error code
-
-// Readers over a message base and a caller-owned cursor. They do not know the
-// length of the data: callers check with qmi_fits() before reading.
-uint8_t get_byte(const uint8_t* base, uint32_t* cursor);
-uint16_t get_word(const uint8_t* base, uint32_t* cursor);
-uint32_t get_double_word(const uint8_t* base, uint32_t* cursor);
-void get_bytes(void* dst, const uint8_t* base, uint32_t n, uint32_t* cursor);
-
-// True when need bytes from cursor lie within the avail bytes received.
-constexpr bool qmi_fits(uint32_t cursor, uint32_t need, uint32_t avail) {
-  return need <= avail && cursor <= avail - need;
-}
-
-// tlv: the result TLV; avail: bytes received from tlv on. 0 when well-formed
-// (also for a failure result), -1 otherwise; sets g_qmi_result/g_qmi_error.
-int unpack_result_code(const uint8_t* tlv, uint32_t avail);
-
-// Writers, most significant byte first.
-void put_word(uint8_t* dst, uint16_t value);
-void put_double_word(uint8_t* dst, uint32_t value);
-
-uint16_t qmi_next_tx_id();
-// Writes the 7-byte request header; returns the identifier it took.
-uint16_t qmi_put_request_header(uint8_t* out, uint16_t msg_type, uint16_t mlen);
-
-struct qmi_byte_tlv {
-  uint8_t type;
-  uint8_t len[2];
-  uint8_t value;
-};
-inline constexpr size_t kQmiStringSlot = 65;   // up to 64 characters and a NUL
-struct qmi_string_tlv {
-  uint8_t type;
-  uint8_t len[2];
-  char value[kQmiStringSlot];
-};
-struct qmi_addr_tlv {
-  uint8_t type;
-  uint8_t len[2];
-  uint8_t value[4];   // wire order
+// Packet-service connection status, as indications and status responses report it.
+enum qmi_pkt_status : uint8_t {
+  QMI_PKT_DISCONNECTED = 1,
+  QMI_PKT_CONNECTED = 2,
+  QMI_PKT_SUSPENDED = 3,
+  QMI_PKT_AUTHENTICATING = 4,
 };
 
-// Fixed-slot start-network request, every field already in wire form.
-struct start_network_req {
-  uint8_t header[kQmiHeaderSize];
-  qmi_byte_tlv byte_tlv[2];       // technology preference, authentication
-  qmi_string_tlv string_tlv[3];   // username, password, APN
-  qmi_addr_tlv addr_tlv;
-};
-static_assert(sizeof(qmi_byte_tlv) == 4 && sizeof(qmi_string_tlv) == 68 && sizeof(qmi_addr_tlv) == 7);
-static_assert(offsetof(start_network_req, byte_tlv) == 7 && offsetof(start_network_req, string_tlv) == 15);
-static_assert(sizeof(start_network_req) == 7 + 2 * 4 + 3 * 68 + 7);
+// ---- Transport (transport.cpp) -----------------------------------------------------
 
-// Packs the present TLVs of req into out: 0 when the packed length equals
-// expected_len, -1 otherwise (or when out or req is null).
-int pack_start_network_msg(uint8_t* out, const start_network_req* req, uint32_t expected_len);
-
-// ---- Error and call-end texts (errors.cpp) ----------------------------------
-
-inline constexpr uint16_t kQmiErrorCount = 38;
-inline constexpr uint16_t kCallEndReasonCount = 9;
-inline constexpr uint16_t kQmiErrOutOfCall = 15;
-const char* qmi_error_text(uint16_t code);
-const char* call_end_reason_text(uint16_t reason);
-
-// ---- Transport (transport.cpp) ---------------------------------------------
-
-extern int qmitty_fd;                   // -1 while closed
 extern volatile uint8_t g_wait_ticks;   // advanced by the daemon's tick
 
-struct qmi_expect {
-  uint8_t ctl_flag;   // 0x02 response, 0x04 indication
-  uint16_t txId;
-  uint16_t msg_type;
-};
-
+// Opens "/dev/qmitty0" read-write, closing the earlier descriptor first;
+// the descriptor, or -1.
+int qmi_tty_open();
+void qmi_tty_close();
+// The WDS client identifier the tty driver holds (1 to 255), or -1.
 int get_wds_client_id();
-int send_msg(const uint8_t* buf, int len);
-// 0, -1, -2 (time-out after limit+1 ticks) or 19 (tty gone).
-int read_msg(const qmi_expect* expect, uint8_t limit);
-// Every message of the n bytes read: 0 or -1 settle the wait, -2 keeps
-// waiting, -3 is an awaited identifier without a parser.
-int parse_msg(const uint8_t* buf, const qmi_expect* expect, int n);
+// Waits up to `limit` ticks for a packet-service status indication: 0, -2
+// on time-out, -1 for anything else.
 int wait_srvc_status_ind(uint8_t limit);
 
-// ---- Requests, responses and connection state (wds.cpp, responses.cpp) ----
+// ---- Requests and connection state (wds.cpp) ---------------------------------------
 
-extern uint8_t connection_status;
-extern uint8_t reconfiguration_flag;
-extern uint8_t g_connection_status_rsp;
-extern uint32_t conn_handle;
-extern uint32_t g_connect_ticks;
-extern link_settings_t link_settings;
+extern uint8_t connection_status;         // last status indication's qmi_pkt_status
+extern uint8_t reconfiguration_flag;      // and its reconfiguration-required flag
+extern uint8_t g_connection_status_rsp;   // status of the last status response
+extern uint32_t conn_handle;              // packet data handle of the call, 0 when none
+extern uint32_t g_connect_ticks;          // ticks the last start-network response took
 
-inline constexpr uint8_t kWdsRequestLimitTicks = 3;
-inline constexpr uint8_t kStartNetworkLimitTicks = 120;
-
+// 0, -1, or -2 for a time-out. The runtime settings fill link_settings.
 int wds_reset_service();
-int wds_abort(uint16_t tx_id);
 int wds_start_network();
 int wds_stop_network();
 int wds_get_srv_state();
 int wds_get_runtime_settings();
-
-// p points at the message identifier (byte 3 of the message); avail is the
-// number of bytes received from p on. 0 or -1.
-int parse_connect_rsp(const uint8_t* p, uint32_t avail);
-int parse_status_rsp(const uint8_t* p, uint32_t avail);
-int parse_runtime_rsp(const uint8_t* p, uint32_t avail);
-int parse_srvc_status_ind(const uint8_t* p, uint32_t avail);

@@ -1,10 +1,9 @@
 // Parsers of the WDS responses and of the packet-service-status indication.
-// Each starts at the message identifier (byte 3) and keeps within the bytes
-// received: a message or TLV that claims more than arrived is refused.
+// Each starts at the message identifier (kQmiIdOffset) and keeps within the
+// bytes received: a message or TLV that claims more than arrived is refused.
 #include <cstring>
 
-#include "log/log.h"
-#include "qmi/qmi.h"
+#include "qmi/internal.h"
 
 namespace {
 
@@ -17,8 +16,6 @@ constexpr uint16_t kStatusRspMlen = 11;    // result TLV + status TLV
 
 constexpr uint8_t kIndStatusTlv = 0x01;
 constexpr uint8_t kIndReasonTlv = 0x10;
-constexpr uint8_t kStatusDisconnected = 1;
-constexpr uint8_t kStatusMax = 4;
 
 constexpr uint32_t kIdAndMlenSize = 4;
 constexpr uint32_t kResultTlvSize = 7;
@@ -42,10 +39,20 @@ int refuse_short(const char* parser, uint32_t need, uint32_t avail) {
 
 // A response refused before its result TLV was read counts as a failure
 // with no error code, like a malformed result TLV.
-int refuse_short_rsp(const char* parser, uint32_t need, uint32_t avail) {
+int refuse_rsp() {
   g_qmi_result = 1;
   g_qmi_error = 0;
-  return refuse_short(parser, need, avail);
+  return -1;
+}
+
+// Identifier and mlen, which every message starts with, and the check that
+// the mlen bytes they announce arrived. 0, or -1 (logged) when short.
+int take_id_and_mlen(const char* parser, const uint8_t* p, uint32_t avail, uint32_t* cursor, uint16_t* mlen) {
+  if (!qmi_fits(0, kIdAndMlenSize, avail)) return refuse_short(parser, kIdAndMlenSize, avail);
+  get_word(p, cursor);
+  *mlen = get_word(p, cursor);
+  if (kIdAndMlenSize + *mlen > avail) return refuse_short(parser, kIdAndMlenSize + *mlen, avail);
+  return 0;
 }
 
 void log_qmi_error() {
@@ -57,12 +64,12 @@ void log_qmi_error() {
 // a failure or the bytes are short; *mlen receives the message's mlen.
 int parse_rsp_prologue(const char* parser, const char* what, const uint8_t* p, uint32_t avail, uint32_t* cursor,
                        uint16_t* mlen) {
-  if (!qmi_fits(0, kIdAndMlenSize, avail)) return refuse_short_rsp(parser, kIdAndMlenSize, avail);
-  get_word(p, cursor);
-  *mlen = get_word(p, cursor);
-  if (kIdAndMlenSize + *mlen > avail) return refuse_short_rsp(parser, kIdAndMlenSize + *mlen, avail);
-  if (!qmi_fits(*cursor, kResultTlvSize, avail)) return refuse_short_rsp(parser, *cursor + kResultTlvSize, avail);
-  get_byte(p, cursor);
+  if (take_id_and_mlen(parser, p, avail, cursor, mlen) != 0) return refuse_rsp();
+  if (!qmi_fits(*cursor, kResultTlvSize, avail)) {
+    refuse_short(parser, *cursor + kResultTlvSize, avail);
+    return refuse_rsp();
+  }
+  get_byte(p, cursor);   // type and length of the result TLV: not checked here
   get_word(p, cursor);
   g_qmi_result = get_word(p, cursor);
   g_qmi_error = get_word(p, cursor);
@@ -119,11 +126,9 @@ int parse_status_rsp(const uint8_t* p, uint32_t avail) {
 
 int parse_srvc_status_ind(const uint8_t* p, uint32_t avail) {
   constexpr char kParser[] = "parse_srvc_status_ind";
-  if (!qmi_fits(0, kIdAndMlenSize, avail)) return refuse_short(kParser, kIdAndMlenSize, avail);
   uint32_t cursor = 0;
-  get_word(p, &cursor);
-  const uint16_t mlen = get_word(p, &cursor);
-  if (kIdAndMlenSize + mlen > avail) return refuse_short(kParser, kIdAndMlenSize + mlen, avail);
+  uint16_t mlen = 0;
+  if (take_id_and_mlen(kParser, p, avail, &cursor, &mlen) != 0) return -1;
   const uint32_t end = kIdAndMlenSize + mlen;
 
   // Every pass moves the cursor by at least a TLV header, so the loop ends.
@@ -136,7 +141,7 @@ int parse_srvc_status_ind(const uint8_t* p, uint32_t avail) {
       if (!qmi_fits(cursor, 2, avail)) return refuse_short(kParser, cursor + 2, avail);
       connection_status = get_byte(p, &cursor);
       reconfiguration_flag = get_byte(p, &cursor);
-      if (connection_status == 0 || connection_status > kStatusMax) {
+      if (connection_status < QMI_PKT_DISCONNECTED || connection_status > QMI_PKT_AUTHENTICATING) {
         QMI_INFO("invalid connection_status(0x%02x)\n", connection_status);
         return -1;
       }
@@ -163,11 +168,9 @@ int parse_srvc_status_ind(const uint8_t* p, uint32_t avail) {
 
 int parse_runtime_rsp(const uint8_t* p, uint32_t avail) {
   constexpr char kParser[] = "parse_runtime_rsp";
-  if (!qmi_fits(0, kIdAndMlenSize, avail)) return refuse_short_rsp(kParser, kIdAndMlenSize, avail);
   uint32_t cursor = 0;
-  get_word(p, &cursor);
-  const uint16_t mlen = get_word(p, &cursor);
-  if (kIdAndMlenSize + mlen > avail) return refuse_short_rsp(kParser, kIdAndMlenSize + mlen, avail);
+  uint16_t mlen = 0;
+  if (take_id_and_mlen(kParser, p, avail, &cursor, &mlen) != 0) return refuse_rsp();
   QMI_INFO("parsing runtime response\n");
 
   // A malformed result TLV leaves the result at failure; its own verdict adds nothing.
@@ -177,7 +180,7 @@ int parse_runtime_rsp(const uint8_t* p, uint32_t avail) {
   if (g_qmi_result != 0) {
     log_qmi_error();
     // The modem says there is no call any more.
-    if (g_qmi_error == kQmiErrOutOfCall) connection_status = kStatusDisconnected;
+    if (g_qmi_error == kQmiErrOutOfCall) connection_status = QMI_PKT_DISCONNECTED;
     return -1;
   }
 

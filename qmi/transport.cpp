@@ -1,13 +1,13 @@
 // The QMI tty: whole messages out, blocks of messages in, time-outs counted
 // in ticks of the daemon's interval timer.
+#include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 
-#include "log/log.h"
-#include "qmi/qmi.h"
+#include "qmi/internal.h"
 
 int qmitty_fd = -1;
 volatile uint8_t g_wait_ticks = 0;
@@ -27,10 +27,10 @@ struct response_parser {
 constexpr response_parser kResponseParsers[] = {
     {kWdsReset, unpack_result_code, kQmiHeaderSize},
     {kWdsAbort, unpack_result_code, kQmiHeaderSize},
-    {kWdsStartNetwork, parse_connect_rsp, 3},
+    {kWdsStartNetwork, parse_connect_rsp, kQmiIdOffset},
     {kWdsStopNetwork, unpack_result_code, kQmiHeaderSize},
-    {kWdsPktSrvcStatus, parse_status_rsp, 3},
-    {kWdsRuntimeSettings, parse_runtime_rsp, 3},
+    {kWdsPktSrvcStatus, parse_status_rsp, kQmiIdOffset},
+    {kWdsRuntimeSettings, parse_runtime_rsp, kQmiIdOffset},
 };
 
 const response_parser* find_response_parser(uint16_t msg_type) {
@@ -41,6 +41,23 @@ const response_parser* find_response_parser(uint16_t msg_type) {
 }
 
 }  // namespace
+
+int qmi_tty_open() {
+  qmi_tty_close();
+  qmitty_fd = open(wds_paths::kQmiTty, O_RDWR);
+  return qmitty_fd;
+}
+
+void qmi_tty_close() {
+  // Nothing is pending on the tty that a failed close could lose.
+  if (qmitty_fd >= 0) close(qmitty_fd);
+  qmitty_fd = -1;
+}
+
+void qmi_transport_reset() {
+  qmi_tty_close();
+  g_wait_ticks = 0;
+}
 
 int get_wds_client_id() {
   uint8_t client_id = 0;
@@ -146,7 +163,7 @@ int parse_msg(const uint8_t* buf, const qmi_expect* expect, int n) {
       QMI_INFO("receice an indication msg, handle it\n");
       int outcome = kQmiFail;
       if (msg_type == kWdsPktSrvcStatus) {
-        outcome = parse_srvc_status_ind(msg + 3, left - 3);
+        outcome = parse_srvc_status_ind(msg + kQmiIdOffset, left - kQmiIdOffset);
       } else {
         QMI_INFO("unsupport indication msg type\n");
       }
@@ -174,9 +191,13 @@ int parse_msg(const uint8_t* buf, const qmi_expect* expect, int n) {
   return verdict;
 }
 
-int wait_srvc_status_ind(uint8_t limit) {
-  const qmi_expect expect = {kQmiCtlIndication, 0, kWdsPktSrvcStatus};
-  const int ret = read_msg(&expect, limit);
+int qmi_wait_msg(const qmi_expect* expect, uint8_t limit) {
+  const int ret = read_msg(expect, limit);
   if (ret == kQmiOk || ret == kQmiTimeout) return ret;
   return kQmiFail;
+}
+
+int wait_srvc_status_ind(uint8_t limit) {
+  const qmi_expect expect = {kQmiCtlIndication, 0, kWdsPktSrvcStatus};
+  return qmi_wait_msg(&expect, limit);
 }

@@ -7,15 +7,13 @@
 #include <cstdio>
 #include <cstring>
 
-#include "log/log.h"
-#include "qmi/qmi.h"
+#include "qmi/internal.h"
 
-uint8_t connection_status = 1;
+uint8_t connection_status = QMI_PKT_DISCONNECTED;
 uint8_t reconfiguration_flag = 0;
-uint8_t g_connection_status_rsp = 1;
+uint8_t g_connection_status_rsp = QMI_PKT_DISCONNECTED;
 uint32_t conn_handle = 0;
 uint32_t g_connect_ticks = 0;
-link_settings_t link_settings;
 
 namespace {
 
@@ -32,12 +30,10 @@ constexpr uint8_t kTlvPktHandle = 0x01;
 constexpr uint32_t kAbortMsgSize = kQmiHeaderSize + 5;
 constexpr uint32_t kStopMsgSize = kQmiHeaderSize + 7;
 
-// Waits for the response to tx_id and reduces the wait to 0, -2 or -1.
+// Waits for the response to tx_id: 0, -2 or -1.
 int wait_response(uint16_t tx_id, uint16_t msg_type, uint8_t limit) {
   const qmi_expect expect = {kQmiCtlResponse, tx_id, msg_type};
-  const int ret = read_msg(&expect, limit);
-  if (ret == kQmiOk || ret == kQmiTimeout) return ret;
-  return kQmiFail;
+  return qmi_wait_msg(&expect, limit);
 }
 
 int request_without_tlvs(uint16_t msg_type) {
@@ -58,6 +54,14 @@ uint16_t fill_string_tlv(qmi_string_tlv* slot, uint8_t type, const char* text, s
 }
 
 }  // namespace
+
+void wds_client_reset() {
+  connection_status = QMI_PKT_DISCONNECTED;
+  reconfiguration_flag = 0;
+  g_connection_status_rsp = QMI_PKT_DISCONNECTED;
+  conn_handle = 0;
+  g_connect_ticks = 0;
+}
 
 int wds_reset_service() {
   uint8_t msg[kQmiHeaderSize];
@@ -90,7 +94,6 @@ int wds_abort(uint16_t tx_id) {
 int wds_start_network() {
   uint8_t out[kQmiBufSize] = {};
   start_network_req req = {};
-  const uint16_t tx_id = qmi_next_tx_id();
 
   req.byte_tlv[0].type = kTlvTechPref;
   put_word(req.byte_tlv[0].len, 1);
@@ -114,10 +117,7 @@ int wds_start_network() {
     n += sizeof req.addr_tlv;
   }
 
-  req.header[0] = kQmiCtlRequest;
-  put_word(req.header + 1, tx_id);
-  put_word(req.header + 3, kWdsStartNetwork);
-  put_word(req.header + 5, n);
+  const uint16_t tx_id = qmi_put_request_header(req.header, kWdsStartNetwork, n);
   // An address that converted to 0.0.0.0 is counted but not packed: refused
   // before anything reaches the modem.
   const uint32_t msg_size = kQmiHeaderSize + n;

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "at/at.h"
+#include "at/internal.h"
 
 namespace {
 void check(bool ok) {

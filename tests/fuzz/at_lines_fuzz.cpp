@@ -21,7 +21,7 @@
 #include <string>
 #include <vector>
 
-#include "at/at.h"
+#include "at/internal.h"
 
 namespace {
 
@@ -42,12 +42,8 @@ void check(bool ok) {
 }
 
 void fresh_channel() {
-  at_rx_ring.wpos = -1;
-  at_rx_ring.rpos = -1;
-  g_at_line_acc[0] = '\0';
-  g_at_pending_cr = 0;
-  g_at_wait_state = AT_WAIT_PARSE;
-  g_at_ticks = 0;
+  at_port_reset();
+  at_response_reset();
 }
 
 std::vector<Outcome> run(const std::vector<std::string>& chunks, const char* prefix, bool single_pass,

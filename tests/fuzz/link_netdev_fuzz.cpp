@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "link/link.h"
+#include "link/internal.h"
 
 namespace {
 constexpr const char* kNames[] = {"rmnet0", "rmnet_tarvek0", "lo", "0", ":", " ", ""};

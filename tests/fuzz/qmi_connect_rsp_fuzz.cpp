@@ -2,7 +2,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "qmi/qmi.h"
+#include "qmi/internal.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   conn_handle = 0;

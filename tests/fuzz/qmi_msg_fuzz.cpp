@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "qmi/qmi.h"
+#include "qmi/internal.h"
 
 namespace {
 constexpr uint16_t kAwaited[] = {0x0000, 0x0002, 0x0020, 0x0021, 0x0022, 0x002D, 0x0001};

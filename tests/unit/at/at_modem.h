@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "at/at.h"
+#include "at/internal.h"
 #include "private_var.h"
 
 inline std::string pattern(size_t n) {  // "ABC...Z" over and over
@@ -23,18 +23,14 @@ inline std::string pattern(size_t n) {  // "ABC...Z" over and over
 
 // Puts the channel's module state back to what it is when the process starts.
 inline void fresh_channel() {
-  at_rx_ring.wpos = at_rx_ring.rpos = -1;
-  g_at_line_acc[0] = '\0';
-  g_at_pending_cr = 0;
-  g_at_wait_state = AT_WAIT_PARSE;
-  g_at_ticks = 0;
+  at_port_reset();
+  at_response_reset();
 }
 
 struct AtChannel : ::testing::Test {
   void SetUp() override {
     reset_private_var("rmnet_tarvek0");
     fresh_channel();
-    g_at_fd = -1;
   }
   void TearDown() override { at_port_cleanup(); }
 };

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "core/core.h"
+#include "log/internal.h"
 #include "log/log.h"
 #include "private_var.h"
 
@@ -17,8 +18,10 @@ class ControlFiles : public testing::Test {
  protected:
   void SetUp() override {
     reset_private_var("rmnet0");
+    wan_reset();
+    wds_core_reset();
     snprintf(g_acIfname, sizeof g_acIfname, "rmnet0");
-    log_bytes = 0;
+    log_reset();
     ASSERT_GE(log_open(), 0);
   }
   void TearDown() override { log_close(); }

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "core/core.h"
+#include "log/internal.h"
 #include "log/log.h"
 #include "private_var.h"
 
@@ -29,6 +30,8 @@ class Profile : public testing::Test {
  protected:
   void SetUp() override {
     reset_private_var("rmnet0");
+    wan_reset();
+    wds_core_reset();
     snprintf(g_acIfname, sizeof g_acIfname, "rmnet0");
   }
 };
@@ -64,7 +67,7 @@ TEST_F(Profile, EachLineFillsTheFieldOfTheFirstKeyItContains) {
 }
 
 TEST_F(Profile, MissingProfileFailsSilently) {
-  log_bytes = 0;
+  log_reset();
   ASSERT_GE(log_open(), 0);
   EXPECT_EQ(get_curr_profile(), -1);
   log_close();

@@ -11,9 +11,10 @@
 #include <string>
 #include <vector>
 
+#include "at/at.h"
 #include "core/core.h"
 #include "link/link.h"
-#include "log/log.h"
+#include "log/internal.h"
 #include "private_var.h"
 #include "qmi/qmi.h"
 
@@ -37,10 +38,9 @@ int record(const std::string& call) {
 using Calls = std::vector<std::string>;
 }  // namespace
 
-int qmitty_fd = -1;
 volatile uint8_t g_wait_ticks = 0;
 uint8_t g_connection_status_rsp = 1;
-ndis_ctx_t ndis_ctx;
+void qmi_tty_close() {}
 void at_tick() {}
 int at_port_cleanup() { return record("at_port_cleanup"); }
 int wds_disconnect() { return record("disconnect"); }
@@ -128,16 +128,12 @@ class StateMachine : public testing::Test {
   void SetUp() override {
     reset_private_var("rmnet0");
     fakes = {};
-    snprintf(g_acIfname, sizeof g_acIfname, "rmnet0");
-    g_tick = 0; g_connected = 0; g_dial = 0; g_ndis_mode = 0; g_reinit_req = 0;
-    g_manual_connect = 0; g_manual_connect_busy = 0; g_connected_mark = 0;
-    g_link_lost = g_idle_timeout = g_idle_started = g_demand_dial = 0;
-    g_idle_last_tx = g_idle_secs = 0;
-    g_connection_status_rsp = 1;
-    ndis_ctx = {};
-    wan_profile = {};
+    g_connection_status_rsp = 1;  // the fake's
+    wan_reset();
+    wds_core_reset();
     qmi_event_ring_reset();
-    log_bytes = 0;
+    snprintf(g_acIfname, sizeof g_acIfname, "rmnet0");
+    log_reset();
     ASSERT_GE(log_open(), 0);
   }
   void TearDown() override { log_close(); }

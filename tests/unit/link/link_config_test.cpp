@@ -17,21 +17,20 @@
 #include <tuple>
 #include <vector>
 
-#include "core/core.h"
-#include "link/link.h"
+#include "link/internal.h"
 #include "platform/platform.h"
-#include "qmi/qmi.h"
 #include "tests/unit/support/private_var.h"
+#include "wan/wan.h"
 
 using Lines = std::vector<std::string>;
 static Lines g_commands;  // every line handed to the command runner, in order
 
 // The runner as the link module reaches it, wrapped at link time: the line is
 // recorded exactly, then run for real.
-extern "C" int __real__Z22ZUN_UTIL_ExecCmdNoHangPKc(const char* cmd);
-extern "C" int __wrap__Z22ZUN_UTIL_ExecCmdNoHangPKc(const char* cmd) {
+extern "C" int __real_ZUN_UTIL_ExecCmdNoHang(const char* cmd);
+extern "C" int __wrap_ZUN_UTIL_ExecCmdNoHang(const char* cmd) {
   g_commands.push_back(cmd == nullptr ? "(null)" : cmd);
-  return __real__Z22ZUN_UTIL_ExecCmdNoHangPKc(cmd);
+  return __real_ZUN_UTIL_ExecCmdNoHang(cmd);
 }
 
 namespace {
@@ -145,6 +144,7 @@ class LinkConfig : public testing::Test {
     ASSERT_GE(cms_fd(), 0);
     // The daemon registers on the bus at start, before any link operation.
     ZUN_MSG_Init("qmi");
+    wan_reset();
     set_ifname("rmnet0");
   }
 };

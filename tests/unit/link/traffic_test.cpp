@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "core/core.h"
-#include "link/link.h"
+#include "link/internal.h"
 #include "tests/unit/support/private_var.h"
+#include "wan/wan.h"
 
 namespace {
 
@@ -175,8 +175,7 @@ TEST_F(ProcNetDev, DemandCheckSequences) {
   };
   for (const auto& [what, steps] : scenarios) {
     SCOPED_TRACE(what);
-    demand_traffic_check(1);
-    g_demand_last_tx = 0;
+    demand_traffic_reset();
     g_demand_dial = 0;
     for (size_t i = 0; i < steps.size(); ++i) {
       SCOPED_TRACE("step " + std::to_string(i));

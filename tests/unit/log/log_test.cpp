@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "log/internal.h"
 #include "log/log.h"
 #include "private_var.h"
 
@@ -20,9 +21,8 @@ class Log : public testing::Test {
   void SetUp() override { reopen_empty(); }
   void TearDown() override { log_close(); }
   void reopen_empty() {
-    log_close();
+    log_reset();
     reset_private_var("rmnet0");
-    log_bytes = 0;
     ASSERT_GE(log_open(), 0);
   }
   std::string text() { return read_text_file(kLog); }

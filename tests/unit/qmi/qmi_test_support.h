@@ -18,9 +18,10 @@
 #include <thread>
 #include <vector>
 
+#include "log/internal.h"
 #include "log/log.h"
 #include "private_var.h"
-#include "qmi/qmi.h"
+#include "qmi/internal.h"
 
 using Bytes = std::vector<uint8_t>;
 using Strings = std::vector<std::string>;
@@ -61,31 +62,22 @@ inline Bytes qmi_message(uint8_t ctl_flag, uint16_t tx_id, uint16_t msg_type, st
   return concat({hex(header), body});
 }
 
-// Fixture: a fresh log in the private /var/log, and every QMI module variable
-// and the dial profile back to their process-start values.
+// Fixture: a fresh log in the private /var/log, and the QMI client and the
+// shared records back to their process-start values.
 class QmiTest : public testing::Test {
  protected:
   void SetUp() override {
+    qmi_codec_reset();
+    qmi_transport_reset();
+    wds_client_reset();
+    wan_reset();
     restart_log();
-    g_tx_id = 0;
-    g_qmi_result = 1;
-    g_qmi_error = 0;
-    qmitty_fd = -1;
-    g_wait_ticks = 0;
-    connection_status = 1;
-    reconfiguration_flag = 0;
-    g_connection_status_rsp = 1;
-    conn_handle = 0;
-    g_connect_ticks = 0;
-    link_settings = {};
-    wan_profile = {};
   }
   void TearDown() override { log_close(); }
   // Empties the log, also between the cases of one test.
   static void restart_log() {
-    log_close();
+    log_reset();
     reset_private_var("rmnet0");
-    log_bytes = 0;
     ASSERT_GE(log_open(), 0);
   }
 };

@@ -183,6 +183,7 @@ TEST_F(Transport, ShortWriteSendsTheWholeMessageAgainFromItsStart) {
   });
   close(fds[0]);
   close(fds[1]);
+  qmitty_fd = -1;
 
   EXPECT_EQ(ret, 0);
   // Every attempt starts again at byte 0; the last one wrote all of it.

@@ -1,15 +1,16 @@
-// The DHCP and IPv6 capability replies: their pass through a small file under
-// /var/log and the parsing of the text read back.
-#include <cstdarg>
+// The DHCP and IPv6 capability replies, as read back from their files:
+// the DHCP addresses as host-order words, the IPv6 capability as a number.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#include "at/at.h"
-#include "core/paths.h"
+#include "at/internal.h"
 #include "platform/platform.h"
 
 namespace {
+
+constexpr int kDhcpFieldSize = 10;  // at most 9 characters
+constexpr int kDhcpSelector = 9;    // the parser's layout of the "^DHCP" line
 
 struct dhcp_fields {
   char clip[kDhcpFieldSize];
@@ -75,6 +76,7 @@ int parse_dhcp_reply(const char* text, link_settings_t* record) {
   char prefix[kDhcpFieldSize] = "^DHCP";
 
   at_cmd_field* head = nullptr;
+  // Its count adds nothing: a missing field is found empty below.
   at_cmd_parse(&head, prefix, text, kDhcpSelector, 0);
   for (const at_cmd_field* field = head; field != nullptr; field = field->next) take_dhcp_field(&fields, field);
   if (head != nullptr) free_at_cmd(head);
@@ -97,7 +99,7 @@ int parse_dhcp_reply(const char* text, link_settings_t* record) {
 
 int parse_ipv6cap_reply(const char* text, int* capability) {
   if (text == nullptr || capability == nullptr) return -1;
-  if (strstr(text, "^IPV6CAP") == nullptr) return -1;
+  if (!text_contains(text, "^IPV6CAP")) return -1;
   const char* colon = strchr(text, ':');
   if (colon == nullptr || colon[1] == '\0') return -1;
   const char* value = colon + 1;
@@ -109,30 +111,5 @@ int parse_ipv6cap_reply(const char* text, int* capability) {
   const int cap = atoi(number);
   if (cap != 1 && cap != 7) return -1;
   *capability = cap;
-  return 0;
-}
-
-void write_var_log_file(const char* name, const char* fmt, ...) {
-  char path[kAtVarLogPathSize];
-  snprintf(path, sizeof path, wds_paths::kVarLogFileFmt, name);
-  FILE* fp = fopen(path, "wb");
-  if (fp == nullptr) return;
-  va_list ap;
-  va_start(ap, fmt);
-  vfprintf(fp, fmt, ap);
-  va_end(ap);
-  fclose(fp);
-}
-
-int read_small_file(const char* path, char* buffer) {
-  if (path == nullptr || buffer == nullptr) return -1;
-  buffer[0] = '\0';
-  FILE* fp = fopen(path, "rb");
-  if (fp == nullptr) return -1;
-  const size_t n = fread(buffer, 1, kAtSmallFileSize, fp);
-  fclose(fp);
-  if (n == 0) return -1;
-  // A full buffer keeps its first 255 bytes: the last one becomes the terminator.
-  buffer[n < static_cast<size_t>(kAtSmallFileSize) ? n : kAtSmallFileSize - 1] = '\0';
   return 0;
 }

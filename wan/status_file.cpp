@@ -1,0 +1,25 @@
+// One-line state files under /var/wan/<ifname>/, and the status file.
+#include <cstdio>
+
+#include "wan/wan.h"
+
+int WriteToFile(const char* path, const char* text) {
+  FILE* file = fopen(path, "w");
+  if (file == nullptr) {
+    MAIN_ERROR("WriteToFile open file[%s] fail.", path);
+    return -1;
+  }
+  fprintf(file, "%s\n", text);
+  fclose(file);
+  return 0;
+}
+
+int wds_status_write(int code) {
+  char path[kTextBufSize];
+  char text[kTextBufSize];
+  snprintf(path, sizeof path, wds_paths::kWanStatusFmt, g_acIfname);
+  snprintf(text, sizeof text, "%d", code);
+  // A status that cannot be written is logged by WriteToFile; nothing else to do.
+  WriteToFile(path, text);
+  return 0;
+}
