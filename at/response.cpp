@@ -188,6 +188,7 @@ int at_assemble_lines(at_request* req) {
 
     if (reply_line) {
       if (save.fp != nullptr) {
+        // A line that cannot be saved is lost, as one past the response's end is.
         fputs(g_at_line_acc, save.fp);
         fputs("\r\n", save.fp);
       } else {

@@ -26,7 +26,7 @@ function(wds_daemon_library name)
     get_target_property(dep_folder ${dep} WDS_FOLDER)
     list(APPEND allowed ${dep_folder})
   endforeach()
-  file(GLOB files ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp ${CMAKE_CURRENT_SOURCE_DIR}/*.h)
+  file(GLOB files CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp ${CMAKE_CURRENT_SOURCE_DIR}/*.h)
   set(stamp ${CMAKE_CURRENT_BINARY_DIR}/${name}_includes.stamp)
   add_custom_command(OUTPUT ${stamp}
     COMMAND ${CMAKE_COMMAND} -DFOLDER=${folder} "-DALLOWED=${allowed}" "-DFILES=${files}"

@@ -9,6 +9,8 @@
 
 namespace {
 
+constexpr size_t kProfileLineSize = 256;
+
 // A text value, cut to its field.
 template <size_t N>
 void copy_value(char (&field)[N], const char* value) {
@@ -58,7 +60,7 @@ int get_curr_profile() {
     return -1;
   }
   // A longer line arrives in pieces of up to 255 characters, each a line.
-  char line[256];
+  char line[kProfileLineSize];
   while (fgets(line, sizeof line, file) != nullptr) {
     size_t len = strlen(line);
     if (len > 0 && line[len - 1] == '\n') line[len - 1] = '\0';

@@ -31,6 +31,8 @@ void send_demand_link_ready() {
 
 }  // namespace
 
+// As in link_config.cpp, command results are never examined.
+
 void demand_link_init() {
   char acCmd[kInitCmdSize];
   // The double blanks are part of the gateway's established command lines.

@@ -36,7 +36,7 @@ void write_wan_file(const char* name, const char* text) {
 }
 
 void wds_notify_cms() {
-  ZUN_MSG_Init(kQmiBusName);
+  ZUN_MSG_Init(kQmiBusName);  // registered again before each send; a failure shows in the send
   // Sent once and not confirmed: a "cms" that is not listening misses it.
   ZUN_MSG_SendMsgData(kCmsBusName, CMS_MSG_WAN_LINK_CHANGED, nullptr, 0);
 }

@@ -24,7 +24,7 @@ constexpr int kLogRecordSize = 1024;
 // limit. Returns false when the reopen failed and the log is now closed.
 bool log_truncate_if_full() {
   if (log_bytes <= kLogSizeLimit) return true;
-  close(log_fd);
+  close(log_fd);  // the file is reopened, emptied, at once
   log_fd = open(kLogFile, O_RDWR | O_CREAT | O_TRUNC, kLogFileMode);
   if (log_fd < 0) return false;
   log_bytes = 0;

@@ -53,6 +53,7 @@ long now_ms() {
   }
   if (shell > 0) {
     while (waitpid(shell, nullptr, 0) < 0 && errno == EINTR) {
+      // interrupted: wait again, the shell's end is what this process is for
     }
   }
   _exit(0);  // closes done_fd: the daemon sees the end of the command
@@ -82,6 +83,7 @@ int ZUN_UTIL_ExecCmdNoHang(const char* cmd) {
   if (pipe2(done, O_CLOEXEC) != 0) return -1;
 
   // No handler of the daemon may run in a child before it is reset.
+  // sigprocmask cannot fail with a valid how and set, here and below.
   sigset_t all, saved;
   sigfillset(&all);
   sigprocmask(SIG_SETMASK, &all, &saved);
@@ -99,6 +101,7 @@ int ZUN_UTIL_ExecCmdNoHang(const char* cmd) {
     return -1;
   }
   while (waitpid(intermediate, nullptr, 0) < 0 && errno == EINTR) {
+    // interrupted by the daemon's tick: the intermediate exits at once, wait again
   }
   wait_for_end(done[0]);
   close(done[0]);

@@ -9,6 +9,7 @@ int WriteToFile(const char* path, const char* text) {
     MAIN_ERROR("WriteToFile open file[%s] fail.", path);
     return -1;
   }
+  // One short line: once the file is open, the write is taken as done.
   fprintf(file, "%s\n", text);
   fclose(file);
   return 0;
