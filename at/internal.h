@@ -55,7 +55,6 @@ inline constexpr int kAtPrefixSize = 100;
 inline constexpr int kAtResponseSize = 2049;  // at most 2048 characters
 inline constexpr int kAtBodySize = 2160;
 inline constexpr int kAtAccumulatorSize = 2048;  // at most 2047 characters
-inline constexpr char kAtNoPrefix[] = "REP_CMD";
 
 enum : uint32_t {
   AT_RESULT_DEVICE_GONE = 0,

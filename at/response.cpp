@@ -17,6 +17,8 @@ char g_at_line_acc[kAtAccumulatorSize] = {};
 
 namespace {
 
+// The prefix of a wait without reply lines of its own.
+constexpr char kAtNoPrefix[] = "REP_CMD";
 constexpr int32_t kDefaultTimeout = 30;
 constexpr int32_t kDrainTimeout = 10;
 constexpr int kSavePathSize = 512;

@@ -119,9 +119,6 @@ int parse_msg(const uint8_t* buf, const qmi_expect* expect, int n);
 
 // ---- Requests and parsers (wds.cpp, responses.cpp) ---------------------------
 
-inline constexpr uint8_t kWdsRequestLimitTicks = 3;
-inline constexpr uint8_t kStartNetworkLimitTicks = 120;
-
 // Connection state back to its process-start values.
 void wds_client_reset();
 int wds_abort(uint16_t tx_id);

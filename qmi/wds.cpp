@@ -17,6 +17,9 @@ uint32_t g_connect_ticks = 0;
 
 namespace {
 
+constexpr uint8_t kWdsRequestLimitTicks = 3;
+constexpr uint8_t kStartNetworkLimitTicks = 120;
+
 constexpr uint8_t kTlvTechPref = 0x30;
 constexpr uint8_t kTechPref3gpp = 1;
 constexpr uint8_t kTlvAuthPref = 0x16;
