@@ -14,7 +14,10 @@ function(wds_daemon_library name)
   cmake_parse_arguments(arg "" "" "SOURCES;DEPENDS" ${ARGN})
   get_filename_component(folder ${CMAKE_CURRENT_SOURCE_DIR} NAME)
   add_library(${name} STATIC ${arg_SOURCES})
-  target_link_libraries(${name} PUBLIC wds_daemon_flags ${arg_DEPENDS})
+  # The daemon's compile flags stay with its own code: a tool or test that
+  # links a library keeps its own.
+  target_link_libraries(${name} PRIVATE wds_daemon_flags PUBLIC ${arg_DEPENDS})
+  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR})
   set_target_properties(${name} PROPERTIES WDS_FOLDER ${folder})
 
   add_executable(${name}_link_check ${WDS_LINK_CHECK_MAIN})
