@@ -113,7 +113,9 @@ bool LogDecoder::take_dump_row(std::string_view text) {
   size_t offset = 0;
   std::string bytes;
   if (!dump_row(text, &offset, &bytes) || offset != dump_bytes_.size()) return false;
-  if (bytes.size() != std::min(kRowBytes, dump_len_ - offset)) return false;
+  // A row cut short (the end of a copied log) still gives its bytes; the
+  // next row's label then no longer fits.
+  if (bytes.empty() || bytes.size() > std::min(kRowBytes, dump_len_ - offset)) return false;
   dump_bytes_ += bytes;
   if (dump_bytes_.size() == dump_len_) close_dump();
   return true;
