@@ -31,5 +31,5 @@ int main(int argc, char** argv) {
   });
   for (std::string line; std::getline(in, line);) decoder.line(line);
   decoder.finish();
-  return fflush(stdout) == 0 ? 0 : 1;
+  return fflush(stdout) == 0 && !ferror(stdout) ? 0 : 1;
 }
