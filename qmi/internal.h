@@ -24,10 +24,6 @@ inline constexpr uint32_t kQmiIdOffset = 3;     // the message identifier's byte
 inline constexpr uint32_t kQmiTlvHeaderSize = 3;
 inline constexpr uint32_t kQmiBufSize = 1000;   // request and receive buffers
 
-inline constexpr uint8_t kQmiCtlRequest = 0x00;
-inline constexpr uint8_t kQmiCtlResponse = 0x02;
-inline constexpr uint8_t kQmiCtlIndication = 0x04;
-
 inline constexpr uint16_t kQmiErrOutOfCall = 15;
 
 // ---- Codec (codec.cpp) ------------------------------------------------------

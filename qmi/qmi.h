@@ -4,7 +4,12 @@
 #include <cerrno>
 #include <cstdint>
 
-// ---- WDS message identifiers ---------------------------------------------------
+// ---- Control flags and WDS message identifiers -----------------------------------
+
+inline constexpr uint8_t kQmiCtlRequest = 0x00;
+inline constexpr uint8_t kQmiCtlResponse = 0x02;
+inline constexpr uint8_t kQmiCtlIndication = 0x04;
+
 
 inline constexpr uint16_t kWdsReset = 0x0000;
 inline constexpr uint16_t kWdsAbort = 0x0002;

@@ -13,7 +13,8 @@
 #   demand  dial on demand: the placeholder link, a UDP packet from inside
 #           the sandbox starts a call, the idle time-out ends it
 #
-# Builds nothing: BUILD_DIR must hold wdsd and sim/wds-sandbox, wds-simctl.
+# Builds nothing: BUILD_DIR must hold wdsd, sim/wds-sandbox, wds-simctl and
+# decode/wds-decode.
 # Needs root (the sandbox makes its own namespaces). Everything it starts is
 # gone when it ends, also after Ctrl-C.
 set -uo pipefail
@@ -29,7 +30,8 @@ BUILD=$(cd "$1" 2>/dev/null && pwd) || { echo "demo: no build directory $1" >&2;
 DAEMON=$BUILD/wdsd
 SANDBOX=$BUILD/sim/wds-sandbox
 SIMCTL=$BUILD/sim/wds-simctl
-for f in "$DAEMON" "$SANDBOX" "$SIMCTL" "$BUILD/sim/wds-sim"; do
+DECODE=$BUILD/decode/wds-decode
+for f in "$DAEMON" "$SANDBOX" "$SIMCTL" "$BUILD/sim/wds-sim" "$DECODE"; do
   [ -x "$f" ] || { echo "demo: $f is missing; build first (./x build)" >&2; exit 2; }
 done
 [ "$(id -u)" -eq 0 ] || { echo "demo: the sandbox needs root (namespaces, a tun device, FUSE)" >&2; exit 2; }
@@ -101,49 +103,14 @@ LAST_STATE=""    # last "wds state" line shown
 LAST_POLL=""     # last status-poll result shown
 WIRE_N=0         # device.log lines already taken
 BUS_N=0          # bus.log lines already shown
-AT_OUT="" AT_IN=""
+WIRE=()          # the simulator's WDS message records not yet shown: "rx|tx TEXT"
 PACKETS=0
 
 # Records of module main, and the wds_msg and atrwapi records that say
-# something about the call. The hex dumps are not shown as such: each dumped
-# QMI message becomes one line naming it, "->" sent, "<-" received. Repeats
-# of the connected state (one per 4-second tick) and of an unchanged status
-# poll are left out.
-DUMP_LEFT=0 DUMP_HEX="" DUMP_IN=0 READ_PENDING=0 LAST_SENT=""
-
-show_dump() {
-  local hex=$DUMP_HEX len
-  if ((DUMP_IN)); then
-    # A block read from the tty may hold several messages.
-    while ((${#hex} >= 14)); do
-      len=$((0x${hex:10:4} + 7))
-      show_qmi tx "${hex:0:$((2 * len))}"
-      hex=${hex:$((2 * len))}
-    done
-    LAST_SENT=""
-  else
-    # The start-network request is dumped twice before it is sent.
-    [ "$hex" = "$LAST_SENT" ] && return
-    LAST_SENT=$hex
-    show_qmi rx "$hex"
-  fi
-}
-
+# something about the call. Repeats of the connected state (one per 4-second
+# tick) and of an unchanged status poll are left out.
 show_record() {
-  local line=$1 text module row
-  if ((DUMP_LEFT > 0)); then
-    row=${line#[0-9][0-9][0-9][0-9]: }
-    row=${row// /}
-    DUMP_HEX+=$row
-    DUMP_LEFT=$((DUMP_LEFT - ${#row} / 2))
-    ((DUMP_LEFT > 0)) || show_dump
-    return
-  fi
-  if [[ "$line" =~ ^message\(0x[0-9a-f]{4}\)\ buf\(([0-9]+)bytes\)$ ]]; then
-    DUMP_LEFT=${BASH_REMATCH[1]} DUMP_HEX="" DUMP_IN=$READ_PENDING READ_PENDING=0
-    ((DUMP_LEFT > 0)) || show_dump
-    return
-  fi
+  local line=$1 text module
   case "$line" in "[ info]["* | "[error]["*) ;; *) return ;; esac
   text=${line#*] }
   module=${line:8:16}
@@ -161,7 +128,6 @@ show_record() {
       esac ;;
     wds_msg)
       case "$text" in
-        "read msg len"*) READ_PENDING=1; return ;;
         *g_qmi_error* | *"reason ="* | *timeout* | *ENODEV* | *fail* | *errno*) ;;
         *) return ;;
       esac ;;
@@ -171,76 +137,54 @@ show_record() {
   feed wds.log "$line"
 }
 
+# One WDS message as the simulator recorded it, "->" sent by the daemon,
+# "<-" received. The status poll is left out: its result is in the log.
+show_wds() {
+  local dir=${1%% *} text=${1#* }
+  case "$text" in "request "*"packet service status"* | "response "*"packet service status"*) return ;; esac
+  if [ "$dir" = rx ]; then feed modem "-> WDS $text"; else feed modem "<- WDS $text"; fi
+}
+
+# The log names each message it dumped (through wds-decode) where it
+# happened: the simulator's records up to that same message are shown
+# there, so the modem lines keep the log's order. A message the log dumps
+# twice (the start request) finds nothing left the second time.
+show_wire_until() {
+  local want=$1 i j
+  for i in "${!WIRE[@]}"; do
+    [ "${WIRE[i]#* }" = "$want" ] || continue
+    for ((j = 0; j <= i; j++)); do show_wds "${WIRE[j]}"; done
+    WIRE=("${WIRE[@]:i+1}")
+    return
+  done
+}
+
+show_wire_left() {
+  local r
+  for r in "${WIRE[@]}"; do show_wds "$r"; done
+  WIRE=()
+}
+
 pump_log() {
-  local f=$ROOT/var/log/wds.log size chunk whole line
+  local f=$ROOT/var/log/wds.log size chunk last whole line
   size=$(stat -c %s "$f" 2>/dev/null) || return 0
   ((size < LOG_OFF)) && LOG_OFF=0 # the log restarted from empty
   ((size == LOG_OFF)) && return 0
   chunk=$(tail -c +$((LOG_OFF + 1)) "$f" | head -c $((size - LOG_OFF)); printf x)
   chunk=${chunk%x}
   [[ "$chunk" == *$'\n'* ]] || return 0
-  whole=${chunk%$'\n'*}$'\n' # whole lines only
+  # Up to the last whole record: a dump after it may still be growing.
+  last=$(grep -n '^\[' <<<"${chunk%$'\n'*}" | tail -1 | cut -d: -f1)
+  [ -n "$last" ] || return 0
+  whole=$(head -n "$last" <<<"$chunk"; printf x)
+  whole=${whole%x}
   LOG_OFF=$((LOG_OFF + ${#whole}))
-  while IFS= read -r line; do show_record "$line"; done <<<"${whole%$'\n'}"
-}
-
-# Bytes from hex; the caller strips the final "x" that keeps trailing line ends.
-unhex() { printf '%bx' "$(sed 's/../\\x&/g' <<<"$1")"; }
-hexbyte() { printf '%d' "0x${1:$((2 * $2)):2}"; }
-ip_at() { echo "$(hexbyte "$1" "$2").$(hexbyte "$1" $(($2 + 1))).$(hexbyte "$1" $(($2 + 2))).$(hexbyte "$1" $(($2 + 3)))"; }
-
-wds_name() {
-  case "$1" in
-    0000) echo "reset" ;;
-    0002) echo "abort" ;;
-    0020) echo "start network" ;;
-    0021) echo "stop network" ;;
-    0022) echo "packet service status" ;;
-    002d) echo "get runtime settings" ;;
-    *) echo "message 0x$1" ;;
-  esac
-}
-
-show_qmi() {
-  local dir=$1 hex=$2 id name ctl
-  ctl=${hex:0:2}
-  id=${hex:6:4}
-  name=$(wds_name "$id")
-  if [ "$dir" = rx ]; then
-    case "$id" in
-      0020) feed modem "-> WDS $name (0x$id), $((${#hex} / 2)) bytes: $(sed 's/../& /g' <<<"$hex")" ;;
-      0022) ;; # the poll; its result is in the log
-      *) feed modem "-> WDS $name (0x$id)" ;;
+  while IFS= read -r line; do
+    case "$line" in
+      "  WDS "*) show_wire_until "${line#  WDS }" ;;
+      *) show_record "$line" ;;
     esac
-  elif [ "$ctl" = 04 ]; then
-    local status=${hex:20:2}
-    case "$status" in 01) status="disconnected" ;; 02) status="connected" ;; *) status="status $status" ;; esac
-    feed modem "<- WDS indication: packet service $status"
-  elif [ "$id" != 0022 ]; then
-    feed modem "<- WDS $name response"
-  fi
-}
-
-# AT text in both directions, a line at a time.
-show_at() {
-  local dir=$1 text=$2 line
-  if [ "$dir" = rx ]; then
-    AT_OUT+=$text
-    while [[ "$AT_OUT" == *$'\r'* ]]; do
-      line=${AT_OUT%%$'\r'*}
-      AT_OUT=${AT_OUT#*$'\r'}
-      line=${line#$'\n'}
-      [ -n "$line" ] && feed modem "-> $line"
-    done
-  else
-    AT_IN+=$text
-    while [[ "$AT_IN" == *$'\n'* ]]; do
-      line=${AT_IN%%$'\n'*}
-      AT_IN=${AT_IN#*$'\n'}
-      line=${line%$'\r'}
-      [ -n "$line" ] && feed modem "<- $line"
-    done
-  fi
+  done < <(printf '%s' "$whole" | "$DECODE")
 }
 
 pump_wire() {
@@ -249,20 +193,18 @@ pump_wire() {
   while read -r seq t kind data; do
     WIRE_N=$((WIRE_N + 1))
     case "$kind" in
-      rx | tx)
-        # QMI messages are shown from the log's dumps, in the log's order.
-        if [ "$MODE" = ndis ]; then
-          data=$(unhex "$data")
-          show_at "$kind" "${data%x}"
-        fi ;;
-      net)
+      wds) WIRE+=("$data") ;;
+      at)
+        if [ "${data%% *}" = rx ]; then feed modem "-> ${data#* }"; else feed modem "<- ${data#* }"; fi ;;
+      ip)
         PACKETS=$((PACKETS + 1))
-        if ((PACKETS == 1)) && [ "$(hexbyte "$data" 9)" = 17 ]; then
-          feed network "UDP $(ip_at "$data" 12) -> $(ip_at "$data" 16), $((${#data} / 2)) bytes, out of $IF"
-        fi ;;
+        ((PACKETS == 1)) && feed network "${data#ip }, out of $IF" ;;
     esac
   done < <(tail -n +$((WIRE_N + 1)) "$f")
 }
+
+# Bytes from hex; the caller strips the final "x" that keeps trailing line ends.
+unhex() { printf '%bx' "$(sed 's/../\\x&/g' <<<"$1")"; }
 
 pump_bus() {
   local f=$DIR/bus.log t sender type len payload what
@@ -469,4 +411,5 @@ case "$MODE" in
   demand) run_demand ;;
 esac
 pump
+show_wire_left
 section "done in $(elapsed | tr -d ' '); the sandbox is shut down and removed"

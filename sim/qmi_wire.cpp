@@ -4,12 +4,6 @@
 
 namespace sim::qmi {
 
-const Tlv* Message::find(uint8_t type) const {
-  for (const auto& t : tlvs)
-    if (t.type == type) return &t;
-  return nullptr;
-}
-
 std::string be16(uint16_t v) {
   return {static_cast<char>(v >> 8), static_cast<char>(v & 0xff)};
 }
@@ -47,28 +41,6 @@ std::string encode(const Message& m) {
 
 std::string result_tlv(uint16_t result, uint16_t error) {
   return encode_tlv(kTlvResult, be16(result) + be16(error));
-}
-
-DecodeError decode(std::string_view bytes, Message* out, size_t* consumed) {
-  if (bytes.size() < kHeaderSize) return DecodeError::kShortHeader;
-  uint16_t mlen = get_be16(bytes, 5);
-  if (bytes.size() - kHeaderSize < mlen) return DecodeError::kShortBody;
-  Message m;
-  m.ctl = static_cast<uint8_t>(bytes[0]);
-  m.tx = get_be16(bytes, 1);
-  m.id = get_be16(bytes, 3);
-  std::string_view area = bytes.substr(kHeaderSize, mlen);
-  size_t pos = 0;
-  while (pos < area.size()) {
-    if (area.size() - pos < 3) return DecodeError::kBadTlv;
-    uint16_t len = get_be16(area, pos + 1);
-    if (area.size() - pos - 3 < len) return DecodeError::kBadTlv;
-    m.tlvs.push_back({static_cast<uint8_t>(area[pos]), std::string(area.substr(pos + 3, len))});
-    pos += 3u + len;
-  }
-  *out = std::move(m);
-  *consumed = kHeaderSize + mlen;
-  return DecodeError::kNone;
 }
 
 namespace {

@@ -8,12 +8,14 @@
 #include <string_view>
 #include <vector>
 
+#include "decode/decode.h"
+
 namespace sim::qmi {
 
 inline constexpr uint8_t kCtlRequest = 0x00;
 inline constexpr uint8_t kCtlResponse = 0x02;
 inline constexpr uint8_t kCtlIndication = 0x04;
-inline constexpr size_t kHeaderSize = 7;
+inline constexpr size_t kHeaderSize = wdsdecode::kHeaderSize;
 
 inline constexpr uint16_t kMsgReset = 0x0000;
 inline constexpr uint16_t kMsgAbort = 0x0002;
@@ -36,19 +38,10 @@ inline constexpr uint16_t kErrOutOfCall = 15;
 inline constexpr uint16_t kErrMalformed = 1;
 inline constexpr uint16_t kErrNotSupported = 94;
 
-struct Tlv {
-  uint8_t type = 0;
-  std::string value;
-};
-
-struct Message {
-  uint8_t ctl = 0;
-  uint16_t tx = 0;
-  uint16_t id = 0;
-  std::vector<Tlv> tlvs;
-
-  const Tlv* find(uint8_t type) const;
-};
+// Messages are taken apart by the shared decoder; the model builds its
+// answers from the same records.
+using Tlv = wdsdecode::Tlv;
+using Message = wdsdecode::Message;
 
 std::string be16(uint16_t v);
 std::string be32(uint32_t v);
@@ -59,11 +52,6 @@ std::string encode_tlv(uint8_t type, std::string_view value);
 // Header + TLVs with mlen computed from the TLVs.
 std::string encode(const Message& m);
 std::string result_tlv(uint16_t result, uint16_t error);
-
-enum class DecodeError { kNone, kShortHeader, kShortBody, kBadTlv };
-// Takes one message from the front of `bytes`. On success `consumed` is
-// 7 + mlen; TLVs must tile the TLV area exactly.
-DecodeError decode(std::string_view bytes, Message* out, size_t* consumed);
 
 const char* message_name(uint16_t id);
 // "start", "0x0020", "32" -> 0x0020.

@@ -8,6 +8,7 @@
 #include <cstdio>
 
 #include "sim/text.h"
+#include "sim/wire_narrator.h"
 
 namespace sim {
 
@@ -25,18 +26,26 @@ Recorder::~Recorder() {
   if (fd_ >= 0) close(fd_);
 }
 
-void Recorder::bytes(const char* kind, std::string_view data) { line(kind, to_hex(data)); }
-
-void Recorder::event(std::string_view text) { line("ev", text); }
-
-void Recorder::line(const char* kind, std::string_view rest) {
+void Recorder::bytes(const char* kind, std::string_view data) {
+  std::vector<std::string> words;
+  if (narrator_ && fd_ >= 0) words = narrator_->narrate(kind, data);
   std::lock_guard lock(mu_);
+  line_locked(std::string(kind) + " " + to_hex(data));
+  for (const auto& w : words) line_locked(w);
+}
+
+void Recorder::event(std::string_view text) {
+  std::lock_guard lock(mu_);
+  line_locked("ev " + std::string(text));
+}
+
+void Recorder::line_locked(std::string_view text) {
   if (fd_ < 0) return;
   char head[64];
-  int n = snprintf(head, sizeof head, "%llu %lld %s ", static_cast<unsigned long long>(++seq_),
-                   static_cast<long long>(monotonic_us()), kind);
+  int n = snprintf(head, sizeof head, "%llu %lld ", static_cast<unsigned long long>(++seq_),
+                   static_cast<long long>(monotonic_us()));
   std::string out(head, static_cast<size_t>(n));
-  out += rest;
+  out += text;
   out += '\n';
   // One write per line keeps lines whole for a concurrent reader.
   ssize_t done = write(fd_, out.data(), out.size());

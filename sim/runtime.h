@@ -26,10 +26,18 @@ struct CommandError : std::runtime_error {
 
 int64_t monotonic_us();
 
+class WireNarrator;
+
 // Append-only record of what crossed the device, one line per item:
 //   <seq> <monotonic µs> rx <hex>     bytes of one write by the client
 //   <seq> <monotonic µs> tx <hex>     bytes handed over by one read
+//   <seq> <monotonic µs> net <hex>    the first 128 bytes of a packet
 //   <seq> <monotonic µs> ev <words>   device and model events
+// and, with a narrator, right after the bytes they come from:
+//   <seq> <monotonic µs> wds rx|tx <message>   one per WDS message, named
+//                                              with its fields
+//   <seq> <monotonic µs> at rx|tx <line>       one per whole AT line
+//   <seq> <monotonic µs> ip <packet>           protocol, addresses, length
 // Lines are written whole, so a reader never sees half a line once it
 // stops at the last newline.
 class Recorder {
@@ -38,14 +46,17 @@ class Recorder {
   ~Recorder();
   Recorder(const Recorder&) = delete;
   Recorder& operator=(const Recorder&) = delete;
+  // Set before anything is recorded; the narrator outlives the recorder's use.
+  void narrate_with(WireNarrator* narrator) { narrator_ = narrator; }
   void bytes(const char* kind, std::string_view data);
   void event(std::string_view text);
 
  private:
-  void line(const char* kind, std::string_view rest);
+  void line_locked(std::string_view text);
   std::mutex mu_;
   int fd_ = -1;
   uint64_t seq_ = 0;
+  WireNarrator* narrator_ = nullptr;
 };
 
 // One thread that runs callbacks when their time comes. Callbacks run

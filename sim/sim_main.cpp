@@ -56,6 +56,7 @@
 #include "sim/text.h"
 #include "sim/tty_device.h"
 #include "sim/tun_reader.h"
+#include "sim/wire_narrator.h"
 #include "sim/wds_model.h"
 
 namespace {
@@ -106,12 +107,14 @@ class Simulator {
  public:
   explicit Simulator(const Options& o)
       : opts_(o),
+        narrator_(o.mode == "qmi" ? sim::WireNarrator::Dialect::kWds : sim::WireNarrator::Dialect::kAt),
         recorder_(o.dir + "/device.log"),
         device_(
             &recorder_, [this](std::string_view bytes) { model_->on_write(bytes); },
             [this] { model_->on_unplug(); }),
         tun_(&recorder_),
         control_(o.dir + "/sim.sock", [this](const std::string& line) { return dispatch(line); }) {
+    recorder_.narrate_with(&narrator_);
     sim::ModemIo io;
     io.emit = [this](std::vector<std::string> blocks) { device_.push(std::move(blocks)); };
     io.later = [this](int ms, std::function<void()> fn) { scheduler_.after(ms, std::move(fn)); };
@@ -240,6 +243,7 @@ class Simulator {
   // Declared so that destruction stops the control thread, the tun thread
   // and the timer thread before the device and the model they call go.
   Options opts_;
+  sim::WireNarrator narrator_;
   sim::Recorder recorder_;
   std::unique_ptr<sim::Model> model_;
   sim::TtyDevice device_;

@@ -86,8 +86,7 @@ void WdsModel::on_write(std::string_view bytes) {
   while (pos < bytes.size()) {
     Message req;
     size_t used = 0;
-    DecodeError err = decode(bytes.substr(pos), &req, &used);
-    if (err != DecodeError::kNone) {
+    if (wdsdecode::take_message(bytes.substr(pos), &req, &used) != wdsdecode::Framing::kWhole) {
       if (io_.recorder) io_.recorder->event("wds bad-request " + to_hex(bytes.substr(pos)));
       return;
     }

@@ -1,5 +1,5 @@
 // End-to-end harness: the installed daemon, unchanged, in a sandbox of its
-// own (see sim/sandbox_main.cpp), with the modem simulator behind its tty.
+// own (see sim/sandbox/), with the modem simulator behind its tty.
 // Every wait polls a condition until it holds or its limit passes. Failures
 // of the harness itself (a sandbox that does not start, a simulator command
 // refused) throw std::runtime_error, which fails the test with the message.

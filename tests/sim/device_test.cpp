@@ -155,6 +155,7 @@ TEST(SimDevice, ReadsAndWritesFollowTheScript) {
     const char* name;
     const char* mode;
     std::vector<std::string> setup, steps;
+    std::vector<std::string> at_lines = {};  // the record's AT lines, when given
   } cases[] = {
       {"each read hands over one message", "qmi", {},
        {"> " + kStart, "< 0200020020000e020004000000000100041a2b3c4d", "< 040000002200050100020200", "<"}},
@@ -172,7 +173,8 @@ TEST(SimDevice, ReadsAndWritesFollowTheScript) {
        {"x " + kReset, "set write-error=off", "> " + kReset, "< " + kResetOk}},
       // "AT\r\r\nOK\r\n" cut after byte 2 and byte 5.
       {"AT answers split at chosen bytes across reads", "ndis", {"set split=2,5 echo=on"},
-       {"> AT\r", "< AT", "< \r\r\n", "< OK\r\n", "<"}},
+       {"> AT\r", "< AT", "< \r\r\n", "< OK\r\n", "<"},
+       {"rx AT", "tx AT", "tx OK"}},
       {"AT call through the device", "ndis", {"set addr=10.20.30.40 dhcp-wait=1"},
        {"> AT^NDISDUP=1,1,\"internet\",,\r", "< \r\nOK\r\n", "> AT^DHCP?\r", "< \r\nERROR\r\n", "> AT^DHCP?\r",
         "< \r\n^DHCP: 0a141e28,ffffff00,c0a80801,c0a80801,c0a80802,c0a80803,150000000,50000000\r\n\r\nOK\r\n"}},
@@ -203,6 +205,9 @@ TEST(SimDevice, ReadsAndWritesFollowTheScript) {
         sim.ok(s);
       }
     }
+    if (!c.at_lines.empty()) {
+      EXPECT_EQ(sim.records("at"), c.at_lines);
+    }
   }
 }
 
@@ -222,6 +227,15 @@ TEST(SimDevice, EveryWriteIsRecordedWholeAndInOrder) {
   }
   EXPECT_EQ(sim.records("rx"), rx);
   EXPECT_EQ(sim.records("tx"), (std::vector<std::string>{kResetOk, "0200020022000b0200040000000001000101"}));
+  // Each message also by name and fields, right after its bytes.
+  auto named = sim.records("wds");
+  named.resize(4);
+  EXPECT_EQ(named, (std::vector<std::string>{
+                       "rx request tx=1 reset (0x0000)",
+                       "tx response tx=1 reset (0x0000): result=0 (success), error=0 (None)",
+                       "rx request tx=2 packet service status (0x0022)",
+                       "tx response tx=2 packet service status (0x0022): result=0 (success), error=0 (None), "
+                       "status=1 (disconnected)"}));
   auto ev = sim.records("ev");
   for (const char* want : {"wds request reset tx=1", "wds request status tx=2"})
     EXPECT_NE(std::find(ev.begin(), ev.end(), want), ev.end()) << want;
@@ -383,6 +397,7 @@ TEST(SimDevice, TunReaderConsumesEveryPacketSoTxCountsExactly) {
   EXPECT_NE(state.find("tun-packets=5 tun-bytes=180"), std::string::npos) << state;  // 20 + 8 + 8 bytes each
   EXPECT_EQ(tx_packets("tsim0"), 5u);
   EXPECT_EQ(sim.records("net").size(), 5u);
+  EXPECT_EQ(sim.records("ip"), std::vector<std::string>(5, "UDP 10.99.0.1 -> 10.99.0.2, 36 bytes"));
   sim.ok("tun close");
   EXPECT_EQ(if_nametoindex("tsim0"), 0u);
   sim.ok("tun open");

@@ -103,19 +103,19 @@ TEST(SimText, ParsersAcceptAndRefuse) {
 }
 
 TEST(SimQmiWire, DecodeRefusesWhatDoesNotFitAndEncodeIsBigEndian) {
-  using E = sim::qmi::DecodeError;
+  using E = wdsdecode::Framing;
   const std::pair<const char*, E> cases[] = {
       {"000001000000", E::kShortHeader},
       {"0000010020000501000201", E::kShortBody},  // mlen 5, 4 present
       {"00000100200002010000", E::kBadTlv},       // 2 bytes: no TLV header
       {"0000010020000401000500", E::kBadTlv},     // TLV claims 5 of 1
-      {"00000100200000", E::kNone},
-      {"0000010020000401000100", E::kNone},
+      {"00000100200000", E::kWhole},
+      {"0000010020000401000100", E::kWhole},
   };
   for (const auto& [bytes, err] : cases) {
     sim::qmi::Message m;
     size_t used = 0;
-    EXPECT_EQ(sim::qmi::decode(hex(bytes), &m, &used), err) << bytes;
+    EXPECT_EQ(wdsdecode::take_message(hex(bytes), &m, &used), err) << bytes;
   }
   sim::qmi::Message m;
   m.ctl = sim::qmi::kCtlResponse;

@@ -1,0 +1,29 @@
+// The sandbox's command line.
+#pragma once
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace sandbox {
+
+struct Options {
+  std::string dir;
+  std::string daemon;
+  std::string sim;
+  std::string mode = "qmi";           // qmi, ndis or none (no chip file)
+  std::optional<std::string> chip;    // exact chip file content
+  std::string sim_mode;               // follows the chip unless given
+  std::optional<std::string> profile;
+  bool no_profile = false;
+  std::optional<std::string> dial;
+  std::vector<std::string> sim_commands;
+  bool start_daemon = true;
+  bool ro_root = true;
+  bool no_tun = false;
+  std::string ifname;
+};
+
+// Exits with status 2 and the usage on a bad command line.
+Options parse_options(int argc, char** argv);
+
+}  // namespace sandbox

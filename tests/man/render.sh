@@ -1,0 +1,16 @@
+#!/bin/sh
+# Each manual page renders without a warning, on paper and on a terminal.
+# Usage: render.sh PAGE...
+set -u
+status=0
+for page in "$@"; do
+  for device in ps utf8; do
+    out=$(groff -man -ww -z -T "$device" "$page" 2>&1) || status=1
+    if [ -n "$out" ]; then
+      echo "$page ($device):"
+      echo "$out"
+      status=1
+    fi
+  done
+done
+exit $status
