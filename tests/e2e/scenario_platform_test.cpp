@@ -26,10 +26,14 @@ double wait_fresh_call(const Sandbox& sb, int64_t since) {
   EXPECT_TRUE(asked && sb.wait_state("status", "3\n", 10s)) << sb.log();
   double took = seconds_since(since);
   EXPECT_TRUE(any_after(sb.qmi_requests(kReset), since)) << "no bring-up after the event";
-  EXPECT_EQ(sb.state("ipaddr"), "192.168.8.100\n");
-  EXPECT_EQ(sb.state("mask"), "255.255.255.0\n");
-  EXPECT_EQ(sb.state("gateway"), "192.168.8.1\n");
-  EXPECT_EQ(sb.state("dns"), "nameserver 192.168.8.2\nnameserver 192.168.8.3\n");
+  const std::map<std::string, std::string> files = {{"ipaddr", "192.168.8.100\n"},
+                                                    {"mask", "255.255.255.0\n"},
+                                                    {"gateway", "192.168.8.1\n"},
+                                                    {"dns", "nameserver 192.168.8.2\nnameserver 192.168.8.3\n"}};
+  // The address files are written just after the status.
+  sb.wait_until([&] { return std::ranges::all_of(files, [&](const auto& f) { return sb.state(f.first) == f.second; }); },
+                5s);
+  for (const auto& [name, content] : files) EXPECT_EQ(sb.state(name), content) << name;
   EXPECT_TRUE(contains(addresses(sb), "inet 192.168.8.100/24")) << addresses(sb);
   auto routes = sb.run({"ip", "-4", "route", "show"}).output;
   EXPECT_TRUE(contains(routes, "192.168.8.1 dev rmnet0")) << routes;
