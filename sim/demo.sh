@@ -1,8 +1,8 @@
 #!/bin/bash
 # A narrated session: the unchanged wdsd in the sandbox, against the modem
 # simulator, driven the way the gateway's management side drives it (the
-# dial file, signals), with the daemon's own log lines, the modem dialogue
-# and the bus messages interleaved as they happen.
+# dial file, signals), with the daemon's own log lines, the modem dialogue,
+# the bus messages and what the platform did interleaved as they happen.
 #
 #   sim/demo.sh BUILD_DIR [qmi|ndis|demand]
 #
@@ -104,6 +104,7 @@ LAST_POLL=""     # last status-poll result shown
 WIRE_N=0         # device.log lines already taken
 BUS_N=0          # bus.log lines already shown
 WIRE=()          # the simulator's WDS message records not yet shown: "rx|tx TEXT"
+PLATFORM_N=0     # platform.log lines already shown
 PACKETS=0
 
 # Records of module main, and the wds_msg and atrwapi records that say
@@ -227,10 +228,22 @@ pump_bus() {
   done < <(tail -n +$((BUS_N + 1)) "$f")
 }
 
+# What the gateway's platform did around the daemon: "cms" and the hotplug
+# handler.
+pump_platform() {
+  local f=$DIR/platform.log t what
+  [ -r "$f" ] || return 0
+  while read -r t what; do
+    PLATFORM_N=$((PLATFORM_N + 1))
+    feed platform "$what"
+  done < <(tail -n +$((PLATFORM_N + 1)) "$f")
+}
+
 pump() {
   pump_wire
   pump_log
   pump_bus
+  pump_platform
 }
 
 # wait_for SECONDS WHAT COMMAND...: shows what happens until COMMAND holds.
@@ -293,7 +306,8 @@ intro() {
   note "The daemon runs unchanged in a sandbox of its own (mount, network and pid"
   note "namespaces) with the modem simulator behind /dev/qmitty0. Lines marked"
   note "wds.log are the daemon's own log records (hex dumps left out), modem is"
-  note "what crossed the modem's tty, bus what the bus peer \"cms\" received."
+  note "what crossed the modem's tty, bus what the bus peer \"cms\" received,"
+  note "platform what \"cms\" and the hotplug handler did about it."
 }
 
 run_qmi() {

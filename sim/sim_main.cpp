@@ -2,7 +2,9 @@
 // through FUSE, speaks WDS (QMI mode) or AT (NDIS mode) on it, consumes the
 // packets of the modem's network interface, and takes commands on a Unix
 // socket in its exchange directory (DIR/sim.sock): one line per command, one
-// line back, "ok ..." or "err <why>". Records go to DIR/device.log.
+// line back, "ok ..." or "err <why>". Records go to DIR/device.log. With
+// --uevent-fd N, "remove" and "replug" also write the line "remove" or "add"
+// to descriptor N, as the kernel's hotplug events would reach the platform.
 //
 // Any mode:
 //   ping | get                      state as key=value words
@@ -13,7 +15,7 @@
 //                                   model settings below
 //   unplug [enodev|eof]             open handles die; new opens work
 //   remove [enodev|enoent]          as unplug, and opens fail until replug
-//   replug
+//   replug                          the modem is back
 //   send HEX | send-text ESCAPED    raw bytes as one read block
 //   tun open|close                  the interface appears / disappears
 //   reset                           behaviours and settings to defaults
@@ -68,6 +70,7 @@ struct Options {
   std::string tun;
   bool no_tun = false;
   int ready_fd = -1;
+  int uevent_fd = -1;
   std::vector<std::string> commands;
 };
 
@@ -75,7 +78,7 @@ struct Options {
   fprintf(stderr,
           "wds-sim: %s\n"
           "usage: wds-sim --mode qmi|ndis --dir DIR [--device PATH] [--tun NAME | --no-tun]\n"
-          "               [--ready-fd N] [--do 'COMMAND']...\n",
+          "               [--ready-fd N] [--uevent-fd N] [--do 'COMMAND']...\n",
           why);
   exit(2);
 }
@@ -94,6 +97,7 @@ Options parse(int argc, char** argv) {
     else if (a == "--tun") o.tun = value();
     else if (a == "--no-tun") o.no_tun = true;
     else if (a == "--ready-fd") o.ready_fd = std::stoi(value());
+    else if (a == "--uevent-fd") o.uevent_fd = std::stoi(value());
     else if (a == "--do") o.commands.push_back(value());
     else usage(("unknown option " + a).c_str());
   }
@@ -199,10 +203,12 @@ class Simulator {
           else if (words[1] != "enodev") return "err usage: remove [enodev|enoent]";
         }
         device_.remove(err);
+        uevent("remove");
         return "ok";
       }
       if (verb == "replug") {
         device_.replug();
+        uevent("add");
         return "ok";
       }
       if (verb == "send") {
@@ -238,6 +244,15 @@ class Simulator {
     } catch (const std::exception& e) {
       return std::string("err ") + e.what();
     }
+  }
+
+  // What the kernel's hotplug events tell the platform: the modem went or
+  // came back. Nobody listening is no reason to refuse the command.
+  void uevent(const char* action) const {
+    if (opts_.uevent_fd < 0) return;
+    std::string line = std::string(action) + "\n";
+    ssize_t n = write(opts_.uevent_fd, line.data(), line.size());
+    (void)n;
   }
 
   // Declared so that destruction stops the control thread, the tun thread

@@ -53,12 +53,19 @@ Children::Children(const Options& o) : o_(o) {
   if (!o_.daemon.empty()) daemon_exe_fd_ = open_program(o_.daemon);
 }
 
-void Children::start_sim() {
+void Children::start_sim(int uevent_fd) {
   int ready[2];
   check(pipe2(ready, O_CLOEXEC), "pipe");
   std::vector<std::string> args = {o_.sim, "--mode", o_.sim_mode, "--dir", kExchange, "--device", "/dev/qmitty0",
                                    "--ready-fd", "3"};
   if (o_.no_tun) args.push_back("--no-tun");
+  // Passed under its own number, kept above 3, where the ready pipe goes.
+  int uevent_copy = -1;
+  if (uevent_fd >= 0) {
+    uevent_copy = fcntl(uevent_fd, F_DUPFD_CLOEXEC, 4);
+    if (uevent_copy < 0) throw std::runtime_error("cannot pass the uevent pipe");
+    args.insert(args.end(), {"--uevent-fd", std::to_string(uevent_copy)});
+  }
   for (const auto& c : o_.sim_commands) {
     args.push_back("--do");
     args.push_back(c);
@@ -69,6 +76,7 @@ void Children::start_sim() {
     reset_child_state();
     redirect_output("/run/sandbox/sim.out");
     dup2(ready[1], 3);  // dup2 clears close-on-exec
+    if (uevent_copy >= 0) fcntl(uevent_copy, F_SETFD, 0);
     std::vector<char*> argv;
     for (auto& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);
@@ -78,6 +86,7 @@ void Children::start_sim() {
     _exit(127);
   }
   close(ready[1]);
+  if (uevent_copy >= 0) close(uevent_copy);
   pollfd p{ready[0], POLLIN, 0};
   int n = poll(&p, 1, kSimStartLimitMs);
   char b = 0;

@@ -18,8 +18,9 @@ class Children {
   // Throws std::runtime_error.
   explicit Children(const Options& o);
 
-  // Starts the simulator and waits until it serves the tty. Throws.
-  void start_sim();
+  // Starts the simulator and waits until it serves the tty; it reports the
+  // modem's removal and return on uevent_fd when that is not -1. Throws.
+  void start_sim(int uevent_fd);
   // Starts the daemon; sim::CommandError while it is running.
   void start_daemon();
   // Reaps every child that has ended; call on SIGCHLD.

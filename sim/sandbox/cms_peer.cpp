@@ -1,7 +1,11 @@
 #include "sim/sandbox/cms_peer.h"
 
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstddef>
@@ -12,15 +16,52 @@
 #include "platform/platform.h"
 #include "sim/runtime.h"
 #include "sim/sandbox/files.h"
+#include "sim/sandbox/layout.h"
 #include "sim/text.h"
 
 namespace sandbox {
 
 namespace {
+
 constexpr char kBusLog[] = "/run/sandbox/bus.log";
+constexpr uint32_t kDemandLinkReady = 0x3d02;
+// The kernel drops the default route through the demand gateway when a
+// call's address replaces the placeholder, and the daemon's teardown brings
+// back only the host route: without this no later traffic reaches the
+// interface and no second demand call starts.
+constexpr char kDemandRouteCmd[] = "route add default gw 10.112.112.112";
+
+// Runs a command line through the shell, output discarded, and waits for it.
+// Returns its exit status, or -1 when it did not run to an exit.
+int run_shell(const char* cmd) {
+  posix_spawnattr_t attr;
+  posix_spawnattr_init(&attr);
+  sigset_t none, all;
+  sigemptyset(&none);
+  sigfillset(&all);
+  posix_spawnattr_setsigmask(&attr, &none);  // PID 1 blocks what its signalfd takes
+  posix_spawnattr_setsigdefault(&attr, &all);
+  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  posix_spawn_file_actions_t files;
+  posix_spawn_file_actions_init(&files);
+  posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&files, 1, "/dev/null", O_WRONLY, 0);
+  posix_spawn_file_actions_adddup2(&files, 1, 2);
+  std::string path = std::string("PATH=") + kPath;
+  const char* argv[] = {"/bin/sh", "-c", cmd, nullptr};
+  char* envp[] = {path.data(), nullptr};
+  pid_t pid;
+  int rc = posix_spawn(&pid, "/bin/sh", &files, &attr, const_cast<char**>(argv), envp);
+  posix_spawn_file_actions_destroy(&files);
+  posix_spawnattr_destroy(&attr);
+  int status = 0;
+  if (rc != 0 || waitpid(pid, &status, 0) != pid) return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-CmsPeer::CmsPeer() {
+}  // namespace
+
+CmsPeer::CmsPeer(bool reinstall_demand_route) : reinstall_demand_route_(reinstall_demand_route) {
   fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (fd_ < 0) throw std::runtime_error("bus socket failed");
   sockaddr_un addr{};
@@ -42,7 +83,7 @@ void CmsPeer::receive() {
     if (n < 0) return;
     std::string_view bytes(reinterpret_cast<char*>(buf), static_cast<size_t>(n));
     if (bytes.size() < sizeof(zun_msg_header)) {
-      append_file(kBusLog, std::to_string(sim::monotonic_us()) + " short " + sim::to_hex(bytes) + "\n");
+      append_record(kBusLog, "short " + sim::to_hex(bytes));
       continue;
     }
     zun_msg_header h;
@@ -55,9 +96,13 @@ void CmsPeer::receive() {
 void CmsPeer::handle(const Message& m) {
   char type[16];
   snprintf(type, sizeof type, "0x%x", m.type);
-  append_file(kBusLog, std::to_string(sim::monotonic_us()) + " " + (m.sender.empty() ? "-" : sim::escape(m.sender)) +
-                           " " + type + " " + std::to_string(m.len) + " " +
-                           (m.payload.empty() ? "-" : sim::to_hex(m.payload)) + "\n");
+  append_record(kBusLog, (m.sender.empty() ? "-" : sim::escape(m.sender)) + " " + type + " " + std::to_string(m.len) +
+                            " " + (m.payload.empty() ? "-" : sim::to_hex(m.payload)));
+  if (m.type == kDemandLinkReady && reinstall_demand_route_) {
+    int exit_status = run_shell(kDemandRouteCmd);
+    append_record(kPlatformLog, "cms 0x3d02: " + std::string(kDemandRouteCmd) + " (exit " +
+                                    std::to_string(exit_status) + ")");
+  }
 }
 
 }  // namespace sandbox

@@ -3,6 +3,10 @@
 // line each:
 //   <monotonic µs> <sender> <type hex> <len> <payload hex or ->
 //   <monotonic µs> short <hex>             a datagram without a whole header
+// On 0x3d02 (demand link ready) it runs "route add default gw 10.112.112.112",
+// as the gateway's cms does, unless told not to, and records that in
+// platform.log:
+//   <monotonic µs> cms 0x3d02: route add default gw 10.112.112.112 (exit N)
 #pragma once
 #include <cstdint>
 #include <string>
@@ -12,7 +16,7 @@ namespace sandbox {
 class CmsPeer {
  public:
   // Throws std::runtime_error when the name cannot be bound.
-  CmsPeer();
+  explicit CmsPeer(bool reinstall_demand_route);
   ~CmsPeer();
   CmsPeer(const CmsPeer&) = delete;
   CmsPeer& operator=(const CmsPeer&) = delete;
@@ -31,6 +35,7 @@ class CmsPeer {
   };
   void handle(const Message& m);
 
+  bool reinstall_demand_route_;
   int fd_ = -1;
 };
 

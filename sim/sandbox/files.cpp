@@ -9,6 +9,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "sim/runtime.h"
+
 namespace sandbox {
 
 std::string read_file(const std::string& path) {
@@ -40,6 +42,10 @@ void append_file(const std::string& path, const std::string& text) {
   ssize_t w = write(fd, text.data(), text.size());
   (void)w;  // a lost record line is not worth failing the sandbox for
   close(fd);
+}
+
+void append_record(const std::string& path, const std::string& text) {
+  append_file(path, std::to_string(sim::monotonic_us()) + " " + text + "\n");
 }
 
 void make_dir(const std::string& path, mode_t mode) {

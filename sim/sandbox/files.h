@@ -11,6 +11,9 @@ std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& text, mode_t mode = 0644);
 // Never throws: records are best effort.
 void append_file(const std::string& path, const std::string& text);
+// One record line, "<monotonic µs> text\n", as the exchange directory's logs
+// have them. Never throws.
+void append_record(const std::string& path, const std::string& text);
 void make_dir(const std::string& path, mode_t mode = 0755);
 // Throws with `what` and errno's text unless rc is 0.
 void check(int rc, const std::string& what);

@@ -5,6 +5,8 @@ namespace sandbox {
 
 // The host's exchange directory (--dir), bind-mounted here.
 inline constexpr char kExchange[] = "/run/sandbox";
+// What the platform's agents did (hotplug handler, "cms"), one line each.
+inline constexpr char kPlatformLog[] = "/run/sandbox/platform.log";
 // Stand-ins for the gateway's tools (atcmd), first on PATH.
 inline constexpr char kBinDir[] = "/run/bin";
 inline constexpr char kPath[] = "/run/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";

@@ -2,7 +2,8 @@
 // network, pid, uts and ipc namespaces; its child, PID 1 inside, prepares
 // private /run, /dev, /proc, /sys and /var, starts the modem simulator and
 // then the daemon, reaps every process, records the daemon's exit status and
-// stands in for the bus peer "cms". Everything lives and dies with PID 1.
+// stands in for the gateway's platform around the daemon: the bus peer
+// "cms" and the hotplug handler. Everything lives and dies with PID 1.
 //
 // The exchange directory (--dir, a host directory) appears inside as
 // /run/sandbox and holds:
@@ -13,6 +14,8 @@
 //   sim.sock     commands to the simulator
 //   device.log   what crossed the modem's tty, see sim/runtime.h
 //   bus.log      messages received by "cms", see cms_peer.h
+//   platform.log what "cms" and the hotplug handler did, see cms_peer.h and
+//                hotplug_agent.h (--no-cms-route, --no-hotplug: neither acts)
 //   atcmd.log    arguments of each call of the stub atcmd
 //   daemon.out   the daemon's standard output and error
 //   daemon.pid   the detached daemon's pid inside the sandbox

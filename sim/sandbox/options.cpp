@@ -29,6 +29,7 @@ constexpr char kDefaultProfile[] =
           "         [--mode qmi|ndis|none] [--chip TEXT] [--sim-mode qmi|ndis]\n"
           "         [--profile TEXT | --profile-file FILE | --no-profile] [--dial N]\n"
           "         [--sim-do 'COMMAND']... [--no-start] [--rw-root] [--no-tun]\n"
+          "         [--no-hotplug] [--no-cms-route]\n"
           "TEXT arguments take C escapes (\\n, \\r, \\xHH).\n",
           why.c_str());
   exit(2);
@@ -64,6 +65,8 @@ Options parse_options(int argc, char** argv) {
     else if (a == "--no-start") o.start_daemon = false;
     else if (a == "--rw-root") o.ro_root = false;
     else if (a == "--no-tun") o.no_tun = true;
+    else if (a == "--no-hotplug") o.hotplug = false;
+    else if (a == "--no-cms-route") o.cms_route = false;
     else usage("unknown option " + a);
   }
   if (o.dir.empty()) usage("--dir is required");

@@ -20,6 +20,9 @@ struct Options {
   bool start_daemon = true;
   bool ro_root = true;
   bool no_tun = false;
+  // The gateway's platform around the daemon; off shows the bare daemon.
+  bool hotplug = true;    // signal 38 when the modem re-appears
+  bool cms_route = true;  // "cms" reinstalls the demand default route on 0x3d02
   std::string ifname;
 };
 

@@ -18,6 +18,7 @@
 #include "sim/sandbox/copy_tree.h"
 #include "sim/sandbox/files.h"
 #include "sim/sandbox/filesystems.h"
+#include "sim/sandbox/hotplug_agent.h"
 #include "sim/sandbox/layout.h"
 #include "sim/sandbox/network.h"
 #include "sim/text.h"
@@ -56,8 +57,9 @@ void announce_ready(const Options& o) {
           host_pid.c_str());
 }
 
-// Until a termination signal or "shutdown": children, bus and commands.
-void serve(Children& children, CmsPeer& cms, InitCommands& commands) {
+// Until a termination signal or "shutdown": children, bus, hotplug events
+// (hotplug may be null) and commands.
+void serve(Children& children, CmsPeer& cms, HotplugAgent* hotplug, InitCommands& commands) {
   sigset_t set;
   sigemptyset(&set);
   for (int s : {SIGCHLD, SIGTERM, SIGINT, SIGHUP}) sigaddset(&set, s);
@@ -65,8 +67,11 @@ void serve(Children& children, CmsPeer& cms, InitCommands& commands) {
   bool stopping = false;
   children.reap();
   while (!stopping && !commands.shutdown_requested()) {
-    pollfd fds[3] = {{sfd, POLLIN, 0}, {cms.fd(), POLLIN, 0}, {commands.wake_fd(), POLLIN, 0}};
-    if (poll(fds, 3, -1) < 0 && errno != EINTR) break;
+    pollfd fds[4] = {{sfd, POLLIN, 0},
+                     {cms.fd(), POLLIN, 0},
+                     {commands.wake_fd(), POLLIN, 0},
+                     {hotplug ? hotplug->fd() : -1, POLLIN, 0}};
+    if (poll(fds, 4, -1) < 0 && errno != EINTR) break;
     if (fds[0].revents & POLLIN) {
       signalfd_siginfo si;
       while (read(sfd, &si, sizeof si) == sizeof si) {
@@ -76,6 +81,7 @@ void serve(Children& children, CmsPeer& cms, InitCommands& commands) {
     }
     if (fds[1].revents & POLLIN) cms.receive();
     if (fds[2].revents & POLLIN) commands.answer_waiting();
+    if (fds[3].revents) hotplug->receive();
   }
 }
 
@@ -84,13 +90,16 @@ void serve(Children& children, CmsPeer& cms, InitCommands& commands) {
 int run_pid1(const Options& o, int exchange_fd) {
   std::unique_ptr<Children> children;
   std::unique_ptr<CmsPeer> cms;
+  std::unique_ptr<HotplugAgent> hotplug;
   std::unique_ptr<InitCommands> commands;
   try {
     children = std::make_unique<Children>(o);
     prepare_filesystems(o, exchange_fd);
     prepare_network();
-    cms = std::make_unique<CmsPeer>();
-    children->start_sim();
+    cms = std::make_unique<CmsPeer>(o.cms_route);
+    if (o.hotplug) hotplug = std::make_unique<HotplugAgent>(o.ifname);
+    children->start_sim(hotplug ? hotplug->sim_end() : -1);
+    if (hotplug) hotplug->close_sim_end();
     if (o.start_daemon) children->start_daemon();
     commands = std::make_unique<InitCommands>(o, *children);
     commands->start();
@@ -99,7 +108,7 @@ int run_pid1(const Options& o, int exchange_fd) {
     return 1;
   }
   announce_ready(o);
-  serve(*children, *cms, *commands);
+  serve(*children, *cms, hotplug.get(), *commands);
   // Files of /var die with the namespace: keep a copy for the test.
   mkdir((std::string(kExchange) + "/final").c_str(), 0755);
   copy_tree("/var/log", std::string(kExchange) + "/final/log");

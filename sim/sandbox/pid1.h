@@ -1,6 +1,7 @@
 // PID 1 of the sandbox: makes the private file systems and network, binds
 // "cms", starts the simulator and the daemon, then serves until told to
-// stop: reaps children, records bus messages, answers commands. On the way
+// stop: reaps children, plays the platform's "cms" and hotplug handler,
+// answers commands. On the way
 // out it copies /var/log and /var/wan to the exchange directory; leaving as
 // PID 1 kills every process of the namespace.
 #pragma once

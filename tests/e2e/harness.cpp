@@ -156,6 +156,8 @@ void Sandbox::start() {
   else if (opts_.profile) args.insert(args.end(), {"--profile", sim::escape(*opts_.profile)});
   if (opts_.dial) args.insert(args.end(), {"--dial", std::to_string(*opts_.dial) + "\\n"});
   for (const auto& c : opts_.sim) args.insert(args.end(), {"--sim-do", c});
+  if (!opts_.hotplug) args.push_back("--no-hotplug");
+  if (!opts_.cms_route) args.push_back("--no-cms-route");
   if (opts_.start_daemon && access(daemon_.c_str(), X_OK) != 0)
     throw std::runtime_error("daemon binary not found: " + daemon_);
 
@@ -316,6 +318,10 @@ bool Sandbox::wait_bus(uint32_t type, Millis limit, size_t count) const {
 
 std::vector<std::string> Sandbox::atcmd_calls() const {
   return whole_lines(slurp(exchange("atcmd.log")).value_or(""));
+}
+
+std::vector<std::string> Sandbox::platform_log() const {
+  return whole_lines(slurp(exchange("platform.log")).value_or(""));
 }
 
 CommandResult Sandbox::run(const std::vector<std::string>& argv) const {

@@ -33,6 +33,11 @@ struct SandboxOptions {
   std::optional<int> dial{};     // initial content "N\n" of the dial file
   std::vector<std::string> sim{};  // simulator commands run before the daemon starts
   bool start_daemon = true;
+  // The gateway's platform around the daemon: the hotplug handler's signal
+  // 38 when the modem re-appears, and "cms" reinstalling the demand default
+  // route on 0x3d02. Off shows the bare daemon.
+  bool hotplug = true;
+  bool cms_route = true;
 };
 
 struct DeviceRecord {
@@ -122,6 +127,8 @@ class Sandbox {
   std::vector<BusMessage> bus() const;
   bool wait_bus(uint32_t type, Millis limit, size_t count = 1) const;
   std::vector<std::string> atcmd_calls() const;
+  // What the platform's agents did, "<µs> hotplug add: signal 38 to N", ...
+  std::vector<std::string> platform_log() const;
 
   // ---- inside the namespaces ----
   CommandResult run(const std::vector<std::string>& argv) const;  // gives up after 30 s
