@@ -1,5 +1,11 @@
-# Warnings are errors for every target of the project, with g++ and clang alike.
-add_compile_options(-Wall -Wextra -Werror)
+# Warnings for every target of the project, with g++ and clang alike; the
+# project's presets and CI make them errors (WDS_WERROR), a packager's plain
+# build does not.
+option(WDS_WERROR "Treat warnings as errors" OFF)
+add_compile_options(-Wall -Wextra)
+if(WDS_WERROR)
+  add_compile_options(-Werror)
+endif()
 if(WDS_SANITIZE)
   add_compile_options(-fsanitize=${WDS_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${WDS_SANITIZE})

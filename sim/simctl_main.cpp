@@ -21,7 +21,10 @@ int main(int argc, char** argv) {
     first = 3;
   }
   std::string line;
-  for (int i = first; i < argc; ++i) line += (i > first ? " " : "") + std::string(argv[i]);
+  for (int i = first; i < argc; ++i) {
+    if (i > first) line += ' ';
+    line += argv[i];
+  }
   try {
     std::string reply = sim::control_request(socket, line);
     printf("%s\n", reply.c_str());

@@ -185,9 +185,11 @@ void Children::reap() {
     siginfo_t info{};
     if (waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) != 0 || info.si_pid == 0) return;
     pid_t pid = info.si_pid;
-    if (pid == launcher_pid_ && info.si_code == CLD_EXITED && info.si_status == 0) {
-      // daemon(): the parent has exited, the child now belongs to us. Look
-      // before reaping, while the launcher's pid cannot be reused.
+    if ((pid == launcher_pid_ || pid == daemon_pid_) && info.si_code == CLD_EXITED && info.si_status == 0) {
+      // daemon(): the parent has exited, the child now belongs to us. musl's
+      // daemon() forks twice, so the first child ends too and hands over to
+      // the second. Look before reaping, while the ending pid cannot be
+      // reused.
       pid_t detached = find_detached_daemon();
       if (detached > 0) {
         daemon_pid_ = detached;

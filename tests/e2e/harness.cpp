@@ -355,6 +355,28 @@ CommandResult Sandbox::run(const std::vector<std::string>& argv) const {
   return result;
 }
 
+std::string Sandbox::daemon_strerror(int errnum) const {
+  const std::string tool = std::filesystem::path(daemon_).parent_path() / "wds-strerror";
+  int out[2];
+  if (pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+  pid_t pid = spawn({tool, std::to_string(errnum)}, out[1], environ);
+  close(out[1]);
+  std::string text;
+  char buf[256];
+  for (ssize_t n; (n = ::read(out[0], buf, sizeof buf)) != 0;) {
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) break;
+    text.append(buf, static_cast<size_t>(n));
+  }
+  close(out[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0 || text.empty() || text.back() != '\n')
+    throw std::runtime_error(tool + " " + std::to_string(errnum) + " failed");
+  text.pop_back();
+  return text;
+}
+
 std::string Sandbox::init(const std::string& command) const {
   return accepted("sandbox", command, sim::control_request(exchange("init.sock"), command));
 }

@@ -142,6 +142,10 @@ class Sandbox {
   std::optional<pid_t> daemon_pid() const;         // pid inside the sandbox, once detached
   std::optional<std::string> daemon_exit() const;  // "exit N" / "signal N"
   std::optional<std::string> wait_daemon_exit(Millis limit) const;
+  // What the daemon's own C library says for errnum: texts differ between C
+  // libraries, so wds-strerror, built with the daemon's toolchain next to
+  // it, is asked.
+  std::string daemon_strerror(int errnum) const;
 
  private:
   std::string host_path(const std::string& inside) const;

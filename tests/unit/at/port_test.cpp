@@ -147,7 +147,8 @@ TEST_F(AtPort, MissingPathIsLogged) {
 TEST_F(AtPort, WaitWmReadyOpensTheTtyRawAndClearsPppState) {
   int master = -1, slave = -1;
   ASSERT_EQ(openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
-  struct termios cooked;
+  // Zeroed: musl's tcgetattr fills only the kernel's control characters.
+  struct termios cooked {};
   ASSERT_EQ(tcgetattr(slave, &cooked), 0);
   cooked.c_iflag |= INLCR | ICRNL | IXON | IXANY | IXOFF | IGNBRK;
   cooked.c_oflag |= OPOST | ONLCR;
@@ -173,7 +174,7 @@ TEST_F(AtPort, WaitWmReadyOpensTheTtyRawAndClearsPppState) {
   ASSERT_EQ(ret, 0);
   EXPECT_EQ(read_text_file("/var/log/stdout"), "wait_wm_ready:Ndis tty is opened successfully\n");
   EXPECT_FALSE(file_exists("/var/log/ppp_state"));
-  struct termios now;
+  struct termios now {};
   ASSERT_EQ(tcgetattr(g_at_fd, &now), 0);
   EXPECT_EQ(now.c_iflag, cooked.c_iflag & ~tcflag_t{0x1dc0});
   EXPECT_EQ(now.c_oflag, 0u);

@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <regex>
 #include <string>
 
@@ -68,8 +70,8 @@ TEST_F(ControlFiles, MissingDirectoryIsLoggedOrIgnored) {
   EXPECT_EQ(wds_status_write(3), 0);
   wds_dial_take_request();
   EXPECT_EQ(wds_pid_file_create(), -1);
-  const std::string failed = "[error]|WriteToFile open file[/var/wan/nowhere/status] fail. errno = 2 "
-                             "<No such file or directory> \n";
+  const std::string failed = "[error]|WriteToFile open file[/var/wan/nowhere/status] fail. errno = 2 <" +
+                             std::string(strerror(ENOENT)) + "> \n";
   const std::regex prefix(R"(\[ *main: *\d+:pid= *\d+\] )");
   EXPECT_EQ(std::regex_replace(read_text_file("/var/log/wds.log"), prefix, "|"),
             failed + failed + "[ info]|open pid file failed.\n");

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <regex>
 #include <string>
 #include <vector>
@@ -46,7 +47,7 @@ TEST_F(Log, ErrorRecordsCarryErrnoAndItsText) {
   WDS_ERROR("wds_msg", "tty busy or tty down.");
   const std::string line = std::to_string(__LINE__ - 1);
   EXPECT_EQ(std::regex_replace(text(), std::regex("pid= *" + std::to_string(getpid()) + "]"), "pid=P]"),
-            "[error][         wds_msg:  " + line + ":pid=P] tty busy or tty down. errno = 2 <No such file or directory> \n");
+            "[error][         wds_msg:  " + line + ":pid=P] tty busy or tty down. errno = 2 <" + strerror(ENOENT) + "> \n");
 }
 
 TEST_F(Log, ExactlyTheLimitIsKeptAndTheNextByteTruncatesOrRecreates) {

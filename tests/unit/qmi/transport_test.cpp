@@ -73,7 +73,7 @@ TEST_F(Transport, ReadMsgParsesEveryMessageAndEndsOnTheBlockThatSettlesTheWait) 
        {"read msg len : 1000bytes", "msg exceeds recv bytes(need 1107, recv 1000)"}},
       {"end of file: the tty is gone", {}, kAwaitRuntime, 19, 0, 1, {}, kEndOfFile},
       {"end of file fails an indication wait", {}, kAwaitIndication, -1, 0, 1, {}, kEndOfFile},
-      {"other read errors", {}, kAwaitRuntime, -1, 0, 1, {"read msg : unknown error errno = 9 <Bad file descriptor> "},
+      {"other read errors", {}, kAwaitRuntime, -1, 0, 1, {"read msg : unknown error errno = 9 <" + std::string(strerror(EBADF)) + "> "},
        kClosed},
   };
   for (const Case& c : cases) {
@@ -149,7 +149,7 @@ TEST_F(Transport, SendMsgWritesAgainAfterEintrAndFailsOnAClosedTty) {
   }
   restart_log();   // the tty is closed now: dumped, then refused
   EXPECT_EQ(send_msg(msg.data(), static_cast<int>(msg.size())), -1);
-  const Strings refused = {dump[0], dump[1], "tty busy or tty down. errno = 9 <Bad file descriptor> "};
+  const Strings refused = {dump[0], dump[1], "tty busy or tty down. errno = 9 <" + std::string(strerror(EBADF)) + "> "};
   EXPECT_EQ(log_texts(), refused);
 }
 
