@@ -182,6 +182,7 @@ int at_probe_ok() {
   }
 
   if (g_at_fd < 0 || g_at_fd >= FD_SETSIZE) return -1;
+  const int64_t deadline = wait_deadline_us(kProbeWaitSeconds * 1000);
   struct timeval wait = {kProbeWaitSeconds, 0};
   for (;;) {
     fd_set readable;
@@ -189,7 +190,8 @@ int at_probe_ok() {
     FD_SET(g_at_fd, &readable);
     const int rc = select(g_at_fd + 1, &readable, nullptr, nullptr, &wait);
     if (rc > 0) break;
-    if (rc < 0 && errno == EINTR) continue;  // `wait` holds the time that remains
+    // A tick only interrupts the wait: it goes on for the time that remains.
+    if (rc < 0 && errno == EINTR && wait_time_left(deadline, &wait)) continue;
     return -1;
   }
 

@@ -2,6 +2,8 @@
 // may use, the connection manager's state that the others read, the fixed
 // paths, and the control-file and sleep helpers. It includes no subsystem.
 #pragma once
+#include <sys/time.h>
+
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
@@ -134,5 +136,11 @@ int WriteToFile(const char* path, const char* text);
 int wds_status_write(int code);
 // Sleeps the whole `ms` although ticks interrupt it; 0.
 int msleep(unsigned ms);
+// Waits in select() that a tick interrupts resume with the time left until
+// their deadline, taken from the monotonic clock: not every C library
+// leaves the remaining time in select's time-out (musl's does not).
+int64_t wait_deadline_us(unsigned ms);
+// The time left until `deadline_us` as a select() time-out; false once it has passed.
+bool wait_time_left(int64_t deadline_us, timeval* left);
 // Appends formatted text to the terminated text in `size` bytes, cut to fit.
 __attribute__((format(printf, 3, 4))) void text_append(char* text, size_t size, const char* fmt, ...);
