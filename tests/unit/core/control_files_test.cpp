@@ -1,7 +1,9 @@
 // Status, dial and pid files under /var/wan/<ifname>/ (private tmpfs /var).
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <functional>
 #include <regex>
 #include <string>
 
@@ -13,6 +15,12 @@
 namespace {
 
 const std::string kWan = "/var/wan/rmnet0/";
+
+// The log's records without their variable prefix.
+std::string log_records() {
+  const std::regex prefix(R"(\[ *main: *\d+:pid= *\d+\] )");
+  return std::regex_replace(read_text_file("/var/log/wds.log"), prefix, "|");
+}
 
 class ControlFiles : public testing::Test {
  protected:
@@ -31,7 +39,7 @@ TEST_F(ControlFiles, DialFileVariants) {
   const std::pair<const char*, int> cases[] = {
       {"3\n", 3}, {"  4", 4}, {"2", 2}, {"", 0}, {"abc", 0}, {"-1", -1}, {"1\r\n", 1},
       {"12345678", 1234567},  // one line of at most 7 characters
-      {"\n3", 0}, {"+2", 2}, {"0x4", 0},
+      {"1234567", 1234567}, {"\n3", 0}, {" \t\n 3", 0}, {"-0012\n9", -12}, {"+2", 2}, {"0x4", 0},
   };
   for (const auto& [content, expected] : cases) {
     SCOPED_TRACE(content);
@@ -54,6 +62,7 @@ TEST_F(ControlFiles, WritersLeaveExactContent) {
   EXPECT_EQ(WriteToFile((kWan + "ipaddr").c_str(), ""), 0);
   EXPECT_EQ(read_text_file(kWan + "ipaddr"), "\n");
 
+  write_text_file(kWan + "pid", "1234567890\n");
   ASSERT_EQ(wds_pid_file_create(), 0);
   EXPECT_STREQ(g_acPidpath, "/var/wan/rmnet0/pid");
   EXPECT_EQ(read_text_file(kWan + "pid"), std::to_string(getpid()));
@@ -70,9 +79,47 @@ TEST_F(ControlFiles, MissingDirectoryIsLoggedOrIgnored) {
   EXPECT_EQ(wds_pid_file_create(), -1);
   const std::string failed = "[error]|WriteToFile open file[/var/wan/nowhere/status] fail. errno = 2 "
                              "<No such file or directory> \n";
-  const std::regex prefix(R"(\[ *main: *\d+:pid= *\d+\] )");
-  EXPECT_EQ(std::regex_replace(read_text_file("/var/log/wds.log"), prefix, "|"),
-            failed + failed + "[ info]|open pid file failed.\n");
+  EXPECT_EQ(log_records(), failed + failed + "[ info]|open pid file failed.\n");
+}
+
+// Created as fopen creates them (0666 less the umask). A link planted at the
+// path, dangling or not, is refused and reported like any failed open.
+TEST_F(ControlFiles, WritersCreateAsFopenAndNeverWriteThroughALink) {
+  const mode_t saved_umask = umask(0);
+  const std::string target = "/var/wan/target";
+  const struct {
+    const char* file;
+    std::function<void()> write;
+    std::string logged;
+  } cases[] = {
+      {"status", [] { wds_status_write(3); },
+       "[error]|WriteToFile open file[/var/wan/rmnet0/status] fail. errno = 40 <Too many levels of symbolic links> \n"},
+      {"pid", [] { wds_pid_file_create(); }, "[ info]|open pid file failed.\n"},
+      {"dial", wds_dial_take_request, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.file);
+    const std::string path = kWan + c.file;
+    c.write();
+    struct stat st = {};
+    ASSERT_EQ(lstat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode, S_IFREG | 0666u);
+    for (const bool dangling : {false, true}) {
+      remove(path.c_str());
+      remove(target.c_str());
+      if (!dangling) write_text_file(target, "kept");
+      ASSERT_EQ(symlink(target.c_str(), path.c_str()), 0);
+      log_close();
+      remove("/var/log/wds.log");
+      ASSERT_GE(log_open(), 0);
+      c.write();
+      EXPECT_EQ(log_records(), c.logged);
+      EXPECT_EQ(file_exists(target), !dangling);
+      EXPECT_EQ(read_text_file(target), dangling ? "" : "kept");
+    }
+    remove(path.c_str());
+  }
+  umask(saved_umask);
 }
 
 }  // namespace
