@@ -65,7 +65,7 @@ int table_lookup(const at_code_text* table, const char* line) {
   return -1;
 }
 
-bool ring_has_bytes() { return at_rx_ring.rpos >= 0 && at_rx_ring.rpos != at_rx_ring.wpos; }
+bool ring_has_bytes() { return at_rx_ring.set_up != 0 && at_rx_ring.rpos != at_rx_ring.wpos; }
 
 // Takes bytes from the ring straight into the line accumulator, one at a
 // time, up to the end of a line. True when the line ended; false when the
