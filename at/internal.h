@@ -22,13 +22,15 @@ inline constexpr int kAtReadSize = 512;
 inline constexpr int kAtRingWrapAt = kAtRingSize - kAtReadSize;
 
 // Receive ring. A byte the reader has taken is zeroed at once, and a zero byte
-// is never data. Positions are -1 until the first read sets the ring up; after
-// that the ring is never reset, so bytes from an earlier reply are sorted
-// before new ones.
+// is never data. The positions are not set until the first read sets the ring
+// up; after that the ring is never reset, so bytes from an earlier reply are
+// sorted before new ones. All zero at start: the ring takes no room in the
+// executable's initialised data.
 struct at_rx_ring_t {
   uint8_t buf[kAtRingSize];
   int32_t wpos;
   int32_t rpos;
+  uint8_t set_up;  // 0: the positions are not set yet
 };
 extern at_rx_ring_t at_rx_ring;
 extern int g_at_fd;  // the AT port, -1 while closed

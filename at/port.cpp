@@ -12,7 +12,7 @@
 #include "at/internal.h"
 #include "platform/platform.h"
 
-at_rx_ring_t at_rx_ring = {{}, -1, -1};
+at_rx_ring_t at_rx_ring;
 int g_at_fd = -1;
 
 namespace {
@@ -33,8 +33,9 @@ static_assert(kRawClearInput == 0x1dc0 && kRawClearLocal == 0x5a);
 
 void at_port_reset() {
   at_port_close();
-  at_rx_ring.wpos = -1;
-  at_rx_ring.rpos = -1;
+  at_rx_ring.set_up = 0;
+  at_rx_ring.wpos = 0;
+  at_rx_ring.rpos = 0;
 }
 
 int wait_wm_ready() {
@@ -127,10 +128,11 @@ int at_write_command(const char* text, int* err) {
 }
 
 int at_read_into_ring() {
-  if (at_rx_ring.wpos < 0 || at_rx_ring.rpos < 0) {
+  if (at_rx_ring.set_up == 0) {
     memset(at_rx_ring.buf, 0, sizeof at_rx_ring.buf);
     at_rx_ring.wpos = 0;
     at_rx_ring.rpos = 0;
+    at_rx_ring.set_up = 1;
   }
   if (at_rx_ring.wpos >= kAtRingWrapAt) {
     at_rx_ring.wpos = 0;
@@ -157,7 +159,7 @@ int at_read_into_ring() {
 }
 
 int at_ring_take(uint8_t* byte) {
-  if (at_rx_ring.rpos < 0 || at_rx_ring.wpos < 0) return -1;
+  if (at_rx_ring.set_up == 0) return -1;
   while (at_rx_ring.rpos != at_rx_ring.wpos) {
     const int32_t at = at_rx_ring.rpos;
     const uint8_t c = at_rx_ring.buf[at];

@@ -1,6 +1,9 @@
 // One AT command, one outcome: the modem's output is taken from the receive
 // ring, assembled into lines and sorted into reply lines, a final result and
 // unsolicited reports.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -62,7 +65,7 @@ int table_lookup(const at_code_text* table, const char* line) {
   return -1;
 }
 
-bool ring_has_bytes() { return at_rx_ring.rpos >= 0 && at_rx_ring.rpos != at_rx_ring.wpos; }
+bool ring_has_bytes() { return at_rx_ring.set_up != 0 && at_rx_ring.rpos != at_rx_ring.wpos; }
 
 // Takes bytes from the ring straight into the line accumulator, one at a
 // time, up to the end of a line. True when the line ended; false when the
@@ -107,10 +110,10 @@ bool collect_line() {
 }
 
 struct save_file {
-  FILE* fp = nullptr;
+  int fd = -1;
   char path[kSavePathSize] = {};
   ~save_file() {
-    if (fp != nullptr) fclose(fp);
+    if (fd >= 0) close(fd);
   }
 };
 
@@ -153,8 +156,8 @@ int at_assemble_lines(at_request* req) {
     // The prefix copy is terminated by the wait: "+CMGL" gives /var/log/CMGL.
     const char* name = out.prefix[0] != '\0' ? out.prefix + 1 : out.prefix;
     snprintf(save.path, sizeof save.path, wds_paths::kVarLogFileFmt, name);
-    save.fp = fopen(save.path, "ab+");
-    if (save.fp == nullptr) return -1;
+    save.fd = var_file_open(save.path, O_RDWR | O_APPEND);
+    if (save.fd < 0) return -1;
   }
 
   for (;;) {
@@ -170,7 +173,7 @@ int at_assemble_lines(at_request* req) {
     bool reply_line = text_contains(g_at_line_acc, out.prefix);
     if (!reply_line && at_find_final_result(g_at_line_acc, &code) == 0) {
       out.result = static_cast<uint32_t>(code);
-      if (save.fp != nullptr) {
+      if (save.fd >= 0) {
         if (code == AT_RESULT_OK) {
           snprintf(out.response, sizeof out.response, "%s", save.path);
         } else {
@@ -189,10 +192,9 @@ int at_assemble_lines(at_request* req) {
     if (!reply_line) reply_line = at_find_unsolicited(g_at_line_acc, &code) != 0;
 
     if (reply_line) {
-      if (save.fp != nullptr) {
+      if (save.fd >= 0) {
         // A line that cannot be saved is lost, as one past the response's end is.
-        fputs(g_at_line_acc, save.fp);
-        fputs("\r\n", save.fp);
+        var_file_write(save.fd, g_at_line_acc, "\r\n");
       } else {
         text_append(out.response, sizeof out.response, "%s", g_at_line_acc);
       }

@@ -4,7 +4,9 @@
 #pragma once
 #include <csetjmp>
 #include <csignal>
+#include <cstddef>
 #include <cstdint>
+#include <cstdio>
 
 #include "wan/wan.h"
 
@@ -99,10 +101,15 @@ int wds_bring_up();
 // ---- Control files and profile (control_files.cpp, profile.cpp) --------------
 
 int wds_dial_read();
+// The request in the first bytes of the dial file: its first line, up to 7
+// characters, read as atoi reads it.
+int wds_dial_parse(const char* bytes, size_t len);
 void wds_dial_take_request();         // one-shot request taken: file becomes "0"
 int wds_pid_file_create();
 void wds_pid_file_remove();
 int get_curr_profile();
+// The profile's lines from `file` into wan_profile, which the caller zeroed.
+void profile_read(FILE* file);
 
 // ---- Connect and disconnect (connect.cpp) -----------------------------------
 

@@ -8,6 +8,11 @@
 #include "log/log.h"
 #include "platform/platform.h"
 
+namespace {
+// Holds one debug line; a longer one goes out in pieces.
+constexpr size_t kStdoutBufferSize = 1024;
+}  // namespace
+
 int main() {
   // Keep the working directory and the standard streams: debug lines go to stdout.
   if (daemon(1, 1) != 0) {
@@ -15,8 +20,9 @@ int main() {
   }
 
   // Debug lines on standard output appear as they are printed, also when
-  // it is a file or a pipe.
-  setvbuf(stdout, nullptr, _IOLBF, 0);
+  // it is a file or a pipe. The buffer is ours, so printing never allocates.
+  static char stdout_buffer[kStdoutBufferSize];
+  setvbuf(stdout, stdout_buffer, _IOLBF, sizeof stdout_buffer);
 
   // The interface name and the paths built from it start empty.
   wan_reset();

@@ -49,16 +49,7 @@ void profile_parse_line(const char* line) {
 
 }  // namespace
 
-int get_curr_profile() {
-  snprintf(g_acProfilepath, sizeof g_acProfilepath, wds_paths::kWanConfigFmt, g_acIfname);
-  printf("\ng_acProfilepath=[%s]\n", g_acProfilepath);
-  if (access(g_acProfilepath, F_OK) != 0) return -1;
-
-  FILE* file = fopen(g_acProfilepath, "r");
-  if (file == nullptr) {
-    MAIN_ERROR("get_curr_profile : open profile err.");
-    return -1;
-  }
+void profile_read(FILE* file) {
   // A longer line arrives in pieces of up to 255 characters, each a line.
   char line[kProfileLineSize];
   while (fgets(line, sizeof line, file) != nullptr) {
@@ -66,6 +57,20 @@ int get_curr_profile() {
     if (len > 0 && line[len - 1] == '\n') line[len - 1] = '\0';
     profile_parse_line(line);
   }
+}
+
+int get_curr_profile() {
+  snprintf(g_acProfilepath, sizeof g_acProfilepath, wds_paths::kWanConfigFmt, g_acIfname);
+  printf("\ng_acProfilepath=[%s]\n", g_acProfilepath);
+  if (access(g_acProfilepath, F_OK) != 0) return -1;
+
+  // Read once per bring-up: a stream is good enough here.
+  FILE* file = fopen(g_acProfilepath, "re");
+  if (file == nullptr) {
+    MAIN_ERROR("get_curr_profile : open profile err.");
+    return -1;
+  }
+  profile_read(file);
   fclose(file);
   return 0;
 }

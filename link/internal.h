@@ -2,7 +2,6 @@
 #pragma once
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 
 #include "link/link.h"
 
@@ -39,7 +38,8 @@ void demand_traffic_reset();
 
 // ---- Traffic counters (traffic.cpp) -------------------------------------------
 
-// The reader behind get_dev_traffic, on any stream in /proc/net/dev format.
-// Leaves `traffic` untouched when no line names the interface. Returns 0, or
-// -1 when an argument is missing. Does not close the stream.
-int read_dev_traffic(FILE* file, const char* ifname, dev_traffic* traffic);
+// The reader behind get_dev_traffic, on any descriptor of text in
+// /proc/net/dev format, read from where it stands. Leaves `traffic`
+// untouched when no line names the interface. Returns 0, or -1 when an
+// argument is missing. Does not close the descriptor.
+int read_dev_traffic(int fd, const char* ifname, dev_traffic* traffic);

@@ -1,5 +1,11 @@
-// Traffic counters of the interface from /proc/net/dev.
+// Traffic counters of the interface from /proc/net/dev, read with a
+// descriptor: dial on demand reads it every 12 s, and a stream would
+// allocate its buffer each time.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -58,13 +64,46 @@ uint32_t counter_value(const char* token) {
   return static_cast<uint32_t>(value);
 }
 
+// The file's lines as fgets over a 512-byte buffer takes them: up to the
+// first newline (kept) or 511 characters, whichever comes first; the rest
+// of a longer line is the next line.
+struct line_reader {
+  int fd;
+  char input[kNetDevLineSize];
+  size_t next = 0;
+  size_t end = 0;
+
+  bool next_line(char (&line)[kNetDevLineSize]) {
+    size_t len = 0;
+    while (len < kNetDevLineSize - 1) {
+      if (next == end && !refill()) break;
+      const char c = input[next++];
+      line[len++] = c;
+      if (c == '\n') break;
+    }
+    line[len] = '\0';
+    return len > 0;
+  }
+
+  bool refill() {
+    ssize_t n;
+    do {
+      n = read(fd, input, sizeof input);
+    } while (n < 0 && errno == EINTR);
+    next = 0;
+    end = n > 0 ? static_cast<size_t>(n) : 0;
+    return end > 0;
+  }
+};
+
 }  // namespace
 
-int read_dev_traffic(FILE* file, const char* ifname, dev_traffic* traffic) {
-  if (file == nullptr || ifname == nullptr || traffic == nullptr) return -1;
+int read_dev_traffic(int fd, const char* ifname, dev_traffic* traffic) {
+  if (fd < 0 || ifname == nullptr || traffic == nullptr) return -1;
+  line_reader reader{fd, {}};
   char line[kNetDevLineSize];
   bool found = false;
-  for (int number = 0; fgets(line, sizeof line, file) != nullptr; ++number) {
+  for (int number = 0; reader.next_line(line); ++number) {
     if (number < kNetDevHeaderLines) continue;
     split_name_from_counter(line);
     // A substring match, so the first line naming the interface wins.
@@ -87,9 +126,9 @@ int read_dev_traffic(FILE* file, const char* ifname, dev_traffic* traffic) {
 
 int get_dev_traffic(const char* ifname, dev_traffic* traffic) {
   if (ifname == nullptr || traffic == nullptr) return -1;
-  FILE* file = fopen(wds_paths::kProcNetDev, "r");
-  if (file == nullptr) return -1;
-  int result = read_dev_traffic(file, ifname, traffic);
-  fclose(file);
+  const int fd = open(wds_paths::kProcNetDev, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return -1;
+  const int result = read_dev_traffic(fd, ifname, traffic);
+  close(fd);
   return result;
 }

@@ -16,7 +16,11 @@ int log_bytes = 0;
 namespace {
 
 constexpr char kLogFile[] = "/var/log/wds.log";
-constexpr mode_t kLogFileMode = 0644;
+// The log holds the hex dump of every start-network request, user name and
+// password included: for root's eyes only. A link planted at its path is
+// refused, not followed, and no command the daemon runs inherits it.
+constexpr mode_t kLogFileMode = 0600;
+constexpr int kLogOpenFlags = O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC;
 constexpr int kLogSizeLimit = 65536;
 constexpr int kLogRecordSize = 1024;
 
@@ -25,7 +29,7 @@ constexpr int kLogRecordSize = 1024;
 bool log_truncate_if_full() {
   if (log_bytes <= kLogSizeLimit) return true;
   close(log_fd);  // the file is reopened, emptied, at once
-  log_fd = open(kLogFile, O_RDWR | O_CREAT | O_TRUNC, kLogFileMode);
+  log_fd = open(kLogFile, kLogOpenFlags | O_TRUNC, kLogFileMode);
   if (log_fd < 0) return false;
   log_bytes = 0;
   return true;
@@ -61,7 +65,7 @@ void log_reset() {
 }
 
 int log_open() {
-  log_fd = open(kLogFile, O_RDWR | O_CREAT | O_APPEND, kLogFileMode);
+  log_fd = open(kLogFile, kLogOpenFlags | O_APPEND, kLogFileMode);
   return log_fd;
 }
 

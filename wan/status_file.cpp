@@ -1,17 +1,20 @@
 // One-line state files under /var/wan/<ifname>/, and the status file.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdio>
 
 #include "wan/wan.h"
 
 int WriteToFile(const char* path, const char* text) {
-  FILE* file = fopen(path, "w");
-  if (file == nullptr) {
+  const int fd = var_file_open(path, O_WRONLY | O_TRUNC);
+  if (fd < 0) {
     MAIN_ERROR("WriteToFile open file[%s] fail.", path);
     return -1;
   }
   // One short line: once the file is open, the write is taken as done.
-  fprintf(file, "%s\n", text);
-  fclose(file);
+  var_file_write(fd, text, "\n");
+  close(fd);
   return 0;
 }
 

@@ -129,6 +129,13 @@ inline constexpr size_t kTextBufSize = 128;
 
 // ---- Helpers -----------------------------------------------------------------
 
+// Opens a file the daemon writes under /var with `flags` (access mode and
+// O_TRUNC or O_APPEND), created if absent as fopen creates it (0666 less the
+// umask). A symbolic link at the path is refused (ELOOP), not followed; the
+// descriptor is closed on exec. The descriptor, or -1 with errno set.
+int var_file_open(const char* path, int flags);
+// Writes `text` and then `end` with one call; the result is not checked.
+void var_file_write(int fd, const char* text, const char* end);
 // Replaces the file's content with `text` and a newline; 0, or -1 (logged)
 // when it cannot be opened.
 int WriteToFile(const char* path, const char* text);

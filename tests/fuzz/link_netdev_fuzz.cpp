@@ -1,8 +1,10 @@
 // /proc/net/dev text as the traffic reader sees it: the first input byte
 // picks the interface name to look for, the rest is the file.
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 
 #include "link/internal.h"
 
@@ -13,10 +15,12 @@ constexpr const char* kNames[] = {"rmnet0", "rmnet_tarvek0", "lo", "0", ":", " "
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 2) return 0;
   const char* ifname = kNames[data[0] % (sizeof kNames / sizeof kNames[0])];
-  FILE* file = fmemopen(const_cast<uint8_t*>(data + 1), size - 1, "r");
-  if (file == nullptr) return 0;
-  dev_traffic traffic = {};
-  if (read_dev_traffic(file, ifname, &traffic) != 0) __builtin_trap();
-  fclose(file);
+  const int fd = memfd_create("netdev", MFD_CLOEXEC);
+  if (fd < 0) return 0;
+  if (write(fd, data + 1, size - 1) == static_cast<ssize_t>(size - 1) && lseek(fd, 0, SEEK_SET) == 0) {
+    dev_traffic traffic = {};
+    if (read_dev_traffic(fd, ifname, &traffic) != 0) __builtin_trap();
+  }
+  close(fd);
   return 0;
 }

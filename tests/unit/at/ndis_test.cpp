@@ -277,6 +277,10 @@ TEST_F(AtNdis, ResultFilesAreRewrittenWholeAndReadBackUpTo255Bytes) {
   }
   write_var_log_file("no/such/dir", "%s", "x");  // silently not written
   EXPECT_FALSE(file_exists("/var/log/no/such/dir"));
+  write_text_file("/var/log/target", "kept");
+  ASSERT_EQ(symlink("/var/log/target", "/var/log/dhcp_result"), 0);
+  write_var_log_file("dhcp_result", "%s", "x");  // nor through a planted link
+  EXPECT_EQ(read_text_file("/var/log/target"), "kept");
   char buffer[256] = "x";
   EXPECT_EQ(read_small_file("/var/log/none", buffer), -1);
   EXPECT_EQ(buffer[0], '\0');

@@ -155,10 +155,14 @@ TEST_F(AtResponse, SavedRepliesGoToAFileUnderVarLog) {
   modem.send_now("\r\n+CMGL: 2\r\n+CMS ERROR: 321\r\n");
   EXPECT_EQ(send_command("AT+CMGR=2", "+CMGL", 30, 1), (AtOutcome{-1, 0, 4, "+CMS ERROR: 321"}));
   EXPECT_FALSE(file_exists("/var/log/CMGL"));
-  // A file that cannot be opened fails every pass until the time-out.
+  // A file that cannot be opened, as one with a link planted in its place,
+  // fails every pass until the time-out.
+  write_text_file("/var/log/target", "kept");
+  ASSERT_EQ(symlink("/var/log/target", "/var/log/NO"), 0);
   modem.send_now("\r\n+NO: 1\r\nOK\r\n");
   TickDriver tick(50);
-  EXPECT_EQ(send_command("AT", "+no/such/file", 2, 1), (AtOutcome{-1, 1, 1, ""}));
+  EXPECT_EQ(send_command("AT", "+NO", 2, 1), (AtOutcome{-1, 1, 1, ""}));
+  EXPECT_EQ(read_text_file("/var/log/target"), "kept");
 }
 
 TEST_F(AtResponse, FinalResultAndReportTablesInOrder) {

@@ -1,5 +1,6 @@
 // Status, dial and pid files under /var/wan/<ifname>/ (private tmpfs /var).
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,6 +16,12 @@
 namespace {
 
 const std::string kWan = "/var/wan/rmnet0/";
+
+// The log's records without their variable prefix.
+std::string log_records() {
+  const std::regex prefix(R"(\[ *main: *\d+:pid= *\d+\] )");
+  return std::regex_replace(read_text_file("/var/log/wds.log"), prefix, "|");
+}
 
 class ControlFiles : public testing::Test {
  protected:
@@ -33,7 +40,7 @@ TEST_F(ControlFiles, DialFileVariants) {
   const std::pair<const char*, int> cases[] = {
       {"3\n", 3}, {"  4", 4}, {"2", 2}, {"", 0}, {"abc", 0}, {"-1", -1}, {"1\r\n", 1},
       {"12345678", 1234567},  // one line of at most 7 characters
-      {"\n3", 0}, {"+2", 2}, {"0x4", 0},
+      {"1234567", 1234567}, {"\n3", 0}, {" \t\n 3", 0}, {"-0012\n9", -12}, {"+2", 2}, {"0x4", 0},
   };
   for (const auto& [content, expected] : cases) {
     SCOPED_TRACE(content);
@@ -56,6 +63,7 @@ TEST_F(ControlFiles, WritersLeaveExactContent) {
   EXPECT_EQ(WriteToFile((kWan + "ipaddr").c_str(), ""), 0);
   EXPECT_EQ(read_text_file(kWan + "ipaddr"), "\n");
 
+  write_text_file(kWan + "pid", "1234567890\n");
   ASSERT_EQ(wds_pid_file_create(), 0);
   EXPECT_STREQ(g_acPidpath, "/var/wan/rmnet0/pid");
   EXPECT_EQ(read_text_file(kWan + "pid"), std::to_string(getpid()));
@@ -72,9 +80,33 @@ TEST_F(ControlFiles, MissingDirectoryIsLoggedOrIgnored) {
   EXPECT_EQ(wds_pid_file_create(), -1);
   const std::string failed = "[error]|WriteToFile open file[/var/wan/nowhere/status] fail. errno = 2 <" +
                              std::string(strerror(ENOENT)) + "> \n";
-  const std::regex prefix(R"(\[ *main: *\d+:pid= *\d+\] )");
-  EXPECT_EQ(std::regex_replace(read_text_file("/var/log/wds.log"), prefix, "|"),
-            failed + failed + "[ info]|open pid file failed.\n");
+  EXPECT_EQ(log_records(), failed + failed + "[ info]|open pid file failed.\n");
+}
+
+// Created as fopen creates them (0666 less the umask). A link planted at the
+// path is refused and reported like any failed open, its target untouched.
+TEST_F(ControlFiles, WritersCreateAsFopenAndNeverWriteThroughALink) {
+  const auto write_all = [] {
+    wds_status_write(3);
+    wds_pid_file_create();
+    wds_dial_take_request();
+  };
+  const mode_t saved_umask = umask(0);
+  write_all();
+  umask(saved_umask);
+  write_text_file("/var/wan/target", "kept");
+  for (const char* file : {"status", "pid", "dial"}) {
+    SCOPED_TRACE(file);
+    struct stat st = {};
+    ASSERT_EQ(lstat((kWan + file).c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode, S_IFREG | 0666u);
+    remove((kWan + file).c_str());
+    ASSERT_EQ(symlink("/var/wan/target", (kWan + file).c_str()), 0);
+  }
+  write_all();
+  EXPECT_EQ(read_text_file("/var/wan/target"), "kept");
+  EXPECT_EQ(log_records(), "[error]|WriteToFile open file[/var/wan/rmnet0/status] fail. errno = " +
+                               std::to_string(ELOOP) + " <" + strerror(ELOOP) + "> \n[ info]|open pid file failed.\n");
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // Traffic counters from /proc/net/dev text, the demand-dial check, and the
 // driver probe.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -41,10 +42,10 @@ constexpr dev_traffic kSentinel = {kA5, kA5, kA5, kA5, kA5, kA5, kA5, kA5};
 // Reads `text` from a file with read_dev_traffic.
 int parse(const std::string& text, const char* ifname, dev_traffic* t) {
   write_text_file("/var/netdev", text);
-  FILE* file = fopen("/var/netdev", "r");
-  if (file == nullptr) return -100;
-  const int result = read_dev_traffic(file, ifname, t);
-  fclose(file);
+  const int fd = open("/var/netdev", O_RDONLY);
+  if (fd < 0) return -100;
+  const int result = read_dev_traffic(fd, ifname, t);
+  close(fd);
   return result;
 }
 
@@ -56,7 +57,7 @@ TEST(NetDevText, Lines) {
     std::string want;
   };
   const std::string untouched = traffic_text(kSentinel);
-  const std::string filler(600, 'a');  // fgets takes 511 characters at a time
+  const std::string filler(600, 'a');  // a line is at most 511 characters
   const Case cases[] = {
       {"kernel layout",
        kHeader + dev("lo", "100 2 0 0 0 0 0 0 100 2 0 0 0 0 0 0") +
@@ -113,7 +114,7 @@ TEST(NetDevText, Lines) {
 
 TEST(NetDevText, MissingArguments) {
   dev_traffic t = kSentinel;
-  EXPECT_EQ(read_dev_traffic(nullptr, "rmnet0", &t), -1);
+  EXPECT_EQ(read_dev_traffic(-1, "rmnet0", &t), -1);
   EXPECT_EQ(parse(kHeader + "rmnet0: 1\n", nullptr, &t), -1);
   EXPECT_EQ(parse(kHeader + "rmnet0: 1\n", "rmnet0", nullptr), -1);
   EXPECT_EQ(traffic_text(t), traffic_text(kSentinel));

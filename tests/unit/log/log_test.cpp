@@ -1,6 +1,8 @@
 // The log writer: record endings, the error suffix, the size bound and its
 // truncating reopen, and the hex dump layout (private tmpfs /var/log).
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -80,6 +82,31 @@ TEST_F(Log, AppendsToWhatTheFileHeldAndWritesNothingWhileClosed) {
   info("new\n");
   EXPECT_EQ(text(), "old\nnew\n");
   EXPECT_EQ(log_bytes, 4);
+}
+
+// The log holds credentials: created for root alone whatever the umask, and
+// never opened through a link planted at its path, at start or at the limit.
+TEST_F(Log, CreatedForRootOnlyAndNeverThroughALink) {
+  const mode_t saved_umask = umask(0);
+  log_close();
+  remove(kLog.c_str());
+  ASSERT_GE(log_open(), 0);
+  struct stat st = {};
+  ASSERT_EQ(lstat(kLog.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode, S_IFREG | 0600u);
+  EXPECT_EQ(fcntl(log_fd, F_GETFD), FD_CLOEXEC);
+  umask(saved_umask);
+
+  const std::string target = "/var/log/target";
+  write_text_file(target, "kept");
+  remove(kLog.c_str());
+  ASSERT_EQ(symlink(target.c_str(), kLog.c_str()), 0);
+  log_bytes = 65536;
+  info("crossing\n");
+  EXPECT_EQ(log_fd, -1);
+  EXPECT_EQ(log_open(), -1);
+  EXPECT_EQ(errno, ELOOP);
+  EXPECT_EQ(read_text_file(target), "kept");
 }
 
 TEST_F(Log, DumpLayoutHeaderAndAccounting) {
