@@ -40,9 +40,7 @@ void fresh(const std::string& values) {
   wan_reset();
   g_ret = g_err = g_unread = g_cap = g_timeout = g_save = 0;
   g_result = g_word = 0;
-  g_response.clear();
-  g_taken.clear();
-  g_fields.clear();
+  g_response = g_taken = g_fields = std::string();
   g_prefix[0] = g_text[0] = '\0';
   g_record = {};
   memset(at_rx_ring.buf, 0, sizeof at_rx_ring.buf);
@@ -87,34 +85,26 @@ std::function<int()> operation(const std::string& text) {
   const std::string arg = name.size() < text.size() ? unescape(text.substr(name.size() + 1)) : "";
   const int n = atoi(arg.c_str());
   const std::map<std::string, std::function<int()>> ops = {
-      {"send", [=] { return send(arg); }},
-      {"write", [=] { return at_write_command(arg.c_str(), &g_err); }},
-      {"read", [] { return at_read_into_ring() + take_all(); }},
-      {"drain", at_drain_reports},
-      {"probe", at_probe_ok},
-      {"close", at_port_close},
-      {"cleanup", at_port_cleanup},
-      {"seq", [] { return static_cast<int>(at_next_seq()); }},
-      {"dial", [] { return ndis_at_connect(&wan_profile); }},
-      {"hangup", ndis_at_disconnect},
+      {"send", [=] { return send(arg); }},       {"write", [=] { return at_write_command(arg.c_str(), &g_err); }},
+      {"read", [] { return at_read_into_ring() + take_all(); }},  {"drain", at_drain_reports},
+      {"probe", at_probe_ok},                    {"close", at_port_close},
+      {"cleanup", at_port_cleanup},              {"seq", [] { return static_cast<int>(at_next_seq()); }},
+      {"dial", [] { return ndis_at_connect(&wan_profile); }},  {"hangup", ndis_at_disconnect},
       {"dup", [=] { return ndis_dup_request(n, &wan_profile, &g_err); }},
       {"add", [=] {
          const Strings a = split(arg, ",");
          auto at = [&](size_t i) { return a.size() > i && a[i] != "(null)" ? a[i].c_str() : nullptr; };
          return ndis_add_request(at(0), at(1), at(2) != nullptr ? at(2) : "", &g_err);
        }},
-      {"cmee", [] { return at_enable_cme_errors(&g_err); }},
-      {"echo_off", [] { return at_echo_off(&g_err); }},
-      {"curc", [=] { return at_set_curc(&g_err, n); }},
-      {"dhcp_query", [] { return at_query_dhcp(&g_err); }},
+      {"cmee", [] { return at_enable_cme_errors(&g_err); }},   {"echo_off", [] { return at_echo_off(&g_err); }},
+      {"curc", [=] { return at_set_curc(&g_err, n); }},         {"dhcp_query", [] { return at_query_dhcp(&g_err); }},
       {"ipv6_query", [] { return at_query_ipv6cap(&g_err); }},
       {"dhcp_fetch", [=] { return ndis_get_dhcp_result(&g_record, n); }},
       {"ipv6_fetch", [] { return ndis_get_ipv6cap(&g_cap); }},
       {"hex", [=] { return static_cast<int>(g_word = hex_to_u32(arg.c_str())) * 0; }},
       {"dhcp_reply", [=] { return parse_dhcp_reply(arg.c_str(), &g_record); }},
-      {"ipv6_reply", [=] { return parse_ipv6cap_reply(arg.c_str(), &g_cap); }},
-      {"fields", [=] { return fields(arg); }},
-      {"write_file", [=] { write_var_log_file("small", "%s", arg.c_str()); return 0; }},
+      {"ipv6_reply", [=] { return parse_ipv6cap_reply(arg.c_str(), &g_cap); }},  {"fields", [=] { return fields(arg); }},
+      {"write_file", [=] { return write_var_log_file("small", "%s", arg.c_str()), 0; }},
       {"read_file", [=] { return read_small_file(arg.c_str(), g_text); }},
   };
   return ops.at(name);
@@ -139,21 +129,16 @@ TEST(At, Operations) {
   }
 }
 
+// Reads of at most 500 bytes: a read takes 511 at most.
 std::vector<Strings> splits(const std::string& bytes, const std::string& how) {
-  std::vector<Strings> out = {{bytes}};
+  std::vector<Strings> out;
+  if (how != "pieces") out.push_back({bytes});
   for (size_t cut = 1; how == "all" && cut < bytes.size(); ++cut) out.push_back({bytes.substr(0, cut), bytes.substr(cut)});
   if (isdigit(how[0])) out = {{bytes.substr(0, stoul(how)), bytes.substr(stoul(how))}};
   for (size_t size : {1, 7, 100, 500}) {
     if (how != "pieces" && (how != "all" || size > 1)) continue;
     out.emplace_back();
     for (size_t at = 0; at < bytes.size(); at += size) out.back().push_back(bytes.substr(at, size));
-  }
-  for (Strings& reads : out) {  // a read takes at most 511 bytes
-    Strings cut;
-    for (const std::string& r : reads) {
-      for (size_t at = 0; at < r.size(); at += 500) cut.push_back(r.substr(at, 500));
-    }
-    reads = cut;
   }
   return out;
 }

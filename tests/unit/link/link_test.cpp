@@ -5,7 +5,6 @@
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 
 #include "link/internal.h"
 #include "platform/platform.h"
@@ -29,14 +28,7 @@ int g_ret;
 
 // The "cms" peer, bound in the program's own network namespace.
 int cms_fd() {
-  static const int fd = [] {
-    const int s = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    const std::string name = std::string(kZunMsgAddrPrefix) + "cms";
-    memcpy(addr.sun_path + 1, name.data(), name.size());
-    return bind(s, reinterpret_cast<sockaddr*>(&addr), offsetof(sockaddr_un, sun_path) + 1 + name.size()) == 0 ? s : -1;
-  }();
+  static const int fd = bus_peer("cms");
   return fd;
 }
 

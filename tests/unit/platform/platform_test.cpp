@@ -4,7 +4,6 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 
 #include <chrono>
@@ -61,11 +60,7 @@ TEST(MessageBus, ASendNeverWaitsForItsPeer) {
   EXPECT_EQ(ZUN_MSG_SendMsgData("cms", 0x11601, nullptr, 0), -1);  // not registered yet
   ASSERT_EQ(ZUN_MSG_Init("qmi"), 0);
   EXPECT_EQ(ZUN_MSG_SendMsgData("cms", 0x11601, nullptr, 0), -1);
-  const int cms = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  sockaddr_un addr = {};
-  addr.sun_family = AF_UNIX;
-  memcpy(addr.sun_path + 1, "zun_msg/cms", 11);
-  ASSERT_EQ(bind(cms, reinterpret_cast<sockaddr*>(&addr), offsetof(sockaddr_un, sun_path) + 12), 0);
+  const int cms = bus_peer("cms");
   const char payload[64] = "rmnet0";
   EXPECT_EQ(ZUN_MSG_SendMsgData("cms", 0x3d02, payload, kZunMsgMaxPayload + 1), -1);
   EXPECT_EQ(ZUN_MSG_SendMsgData("cms", 0x3d02, nullptr, 64), -1);

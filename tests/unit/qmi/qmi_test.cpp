@@ -47,13 +47,6 @@ std::string dump_row(const std::string& msg) {
   return row;
 }
 
-// Taken before main: what the process starts with is what the resets restore.
-const std::string kStartValues = all_vars(kVars);
-TEST(Qmi, StartValuesAreTheResetValues) {
-  fresh("");
-  EXPECT_EQ(all_vars(kVars), kStartValues);
-}
-
 // parser and bytes | values after | the log
 TEST(Qmi, Parsers) {
   const std::map<std::string, int (*)(const uint8_t*, uint32_t)> parsers = {
@@ -112,7 +105,19 @@ TEST(Qmi, Requests) {
     if (v.f.size() > 5) {
       EXPECT_EQ(printed, v[5] == "-" ? "" : unescape(v[5]));
     }
+    expect_logged(v.from(6));
   }
+}
+
+// The readers refuse a missing message or cursor: 0, logged.
+TEST(Qmi, ReadersRefuseNullPointers) {
+  fresh("");
+  const uint8_t bytes[4] = {1, 2, 3, 4};
+  uint32_t cursor = 0;
+  EXPECT_EQ(get_byte(nullptr, &cursor) + get_word(nullptr, &cursor) + get_double_word(bytes, nullptr), 0u);
+  EXPECT_EQ(get_word(bytes, &cursor), 0x0102);
+  EXPECT_EQ(log_texts(), (Strings{"get_byte: param error. errno", "get_word: param error. errno",
+                                  "get_double_word: param error. errno"}));
 }
 
 // A write a tick interrupts is made again, dumped again.

@@ -80,13 +80,6 @@ const Vars kVars = {
     NUM_VAR("head", qmi_event_queue.head), NUM_VAR("tail", qmi_event_queue.tail),
     Var{"events", pending_events, [](const std::string& v) { for (auto& c : split(v, ",")) qmi_event_post(std::stoul(c)); }},
     Var{"interval", [] { itimerval t; getitimer(ITIMER_REAL, &t); return std::to_string(t.it_interval.tv_sec); }, nullptr},
-    Var{"alarm_mask", [] {  // the termination signals and SIGCHLD wait while the tick runs
-          struct sigaction a;
-          sigaction(SIGALRM, nullptr, &a);
-          std::string out;
-          for (int sig : {SIGHUP, SIGINT, SIGTERM, SIGCHLD}) out += std::to_string(sigismember(&a.sa_mask, sig));
-          return out;
-        }, nullptr},
     NUM_VAR("bring_up", fake.bring_up), NUM_VAR("connect", fake.connect), NUM_VAR("srv", fake.srv),
     NUM_VAR("srv_status", fake.srv_status), NUM_VAR("post_mid", fake.post_mid),
     Var{"tx", [] { return fake.tx; }, [](const std::string& v) { fake.tx = v; }},

@@ -22,6 +22,8 @@ std::string read_file(const std::string& path);  // "(none)" when it cannot be r
 void write_file(const std::string& path, const std::string& text);
 // /var/log and /var/wan/<ifname>/ emptied.
 void reset_var(const char* ifname);
+// A peer of the platform's message bus, bound under this name; its socket.
+int bus_peer(const char* name);
 
 // A vector file under tests/unit: one case per line, fields separated by
 // " | ", lines starting with '#' and blank lines skipped.
@@ -74,9 +76,9 @@ std::string all_vars(const Vars& vars);
 // one read on the other side. While run() calls into the daemon, a peer
 // thread plays a script: step 0 at once, step i when the daemon's i-th write
 // arrives. A step is blocks to send and ticks ("tick", "tick*N": SIGALRM once
-// the daemon is blocked, the handler calling on_tick). After its step, the peer ticks whenever the daemon blocks,
-// so that a wait nobody answers times out. "eof" shuts the modem's end: the
-// daemon reads the end of the file, its writes fail (EPIPE).
+// the daemon is blocked, the handler calling on_tick), and "eof", which shuts
+// the modem's end. After its step, the peer ticks whenever the daemon blocks
+// with nothing of it to answer, so that a wait nobody answers times out.
 class Modem {
  public:
   using Script = std::vector<Strings>;
@@ -93,7 +95,6 @@ class Modem {
  private:
   void play(const Script& script);
   bool daemon_sleeping();
-  bool daemon_wrote();
   void tick();
   int* daemon_fd_;
   int peer_ = -1;
