@@ -2,43 +2,33 @@
 // starts with, the control files and the profile, and a call brought up and
 // ended against the scripted modem (QMI on the tty, or AT in NDIS mode).
 #include <chrono>
+#include <filesystem>
 
 #include "at/internal.h"
 #include "core/core.h"
 #include "link/internal.h"
 #include "log/internal.h"
+#include "platform/platform.h"
 #include "qmi/internal.h"
 #include "tests/unit/support/unit.h"
 
 namespace {
 
-int g_ret, g_seconds;
-
-// The dial profile as "key=value;" for every field that is set.
-std::string loaded() {
-  const wan_profile_t& p = wan_profile;
-  const auto number = [](uint32_t n) { return n != 0 ? std::to_string(n) : ""; };
-  std::string out;
-  for (const auto& [key, value] : {std::pair<const char*, std::string>{"dialnumber", p.dialnumber},
-                                   {"username", p.username}, {"password", p.password}, {"apn", p.apn}, {"ip", p.ip},
-                                   {"auth", number(p.auth)}, {"dial_mode", p.dial_mode},
-                                   {"idletime", number(p.idletime)}, {"mru", number(p.mru)}}) {
-    if (!value.empty()) out += key + ("=" + value + ";");
-  }
-  return out;
-}
+int g_ret, g_seconds, g_leaked;
 
 const Vars kVars = {
     NUM_VAR("ret", g_ret), NUM_VAR("seconds", g_seconds), NUM_VAR("connected", g_connected), NUM_VAR("ndis", g_ndis_mode),
     NUM_VAR("marked", ndis_ctx.connected), NUM_VAR("status", connection_status), NUM_VAR("reconf", reconfiguration_flag),
     NUM_VAR("handle", conn_handle), NUM_VAR("connect_ticks", g_connect_ticks), TEXT_VAR("pidpath", g_acPidpath),
-    TEXT_VAR("profilepath", g_acProfilepath), TEXT_VAR("apn", wan_profile.apn), NUM_VAR("mru", wan_profile.mru),
+    TEXT_VAR("profilepath", g_acProfilepath), TEXT_VAR("dialnumber", wan_profile.dialnumber),
+    TEXT_VAR("user", wan_profile.username), TEXT_VAR("pass", wan_profile.password), TEXT_VAR("apn", wan_profile.apn),
+    TEXT_VAR("setip", wan_profile.ip), NUM_VAR("auth", wan_profile.auth), TEXT_VAR("dial_mode", wan_profile.dial_mode),
+    NUM_VAR("idletime", wan_profile.idletime), NUM_VAR("mru", wan_profile.mru), NUM_VAR("leaked", g_leaked),
     ADDR_VAR("ip", link_settings.ipv4_addr), ADDR_VAR("dns2", link_settings.secondary_dns),
     Var{"ifname", [] { return std::string(g_acIfname); }, [](const std::string& v) {
           memset(g_acIfname, 'x', sizeof g_acIfname);  // nothing behind the terminator may leak
           snprintf(g_acIfname, sizeof g_acIfname, "%s", v.c_str());
         }},
-    Var{"profile", loaded, nullptr},
     Var{"pid_is_mine", [] { return std::to_string(read_file(g_acPidpath) == std::to_string(getpid())); }, nullptr},
 };
 
@@ -73,6 +63,7 @@ void fresh(const std::string& values) {
   reset_var("rmnet0");
   reset_var("rmnet_tarvek0");
   snprintf(g_acIfname, sizeof g_acIfname, "rmnet0");
+  ZUN_MSG_Init("qmi");  // as the daemon does at start
   set_vars(kVars, values);
 }
 
@@ -83,11 +74,16 @@ TEST(Core, ModulesStartAsTheirResetsLeaveThem) {
 
 void tick() { qmi_timer_handle(SIGALRM); }
 
+int open_fds() {
+  int n = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) n += entry.exists() ? 1 : 0;
+  return n;
+}
+
 // values before | operation | the modem's script (QMI in hex, AT as text) |
 // values after | what the daemon wrote (QMI: the messages' identifiers) | records logged, in this order
 void run_rows(const std::string& file) {
-  {
-    for (const Vector& v : vectors(file)) {
+  for (const Vector& v : vectors(file)) {
       SCOPED_TRACE(v.where);
       fresh(v[0]);
       ASSERT_GE(log_open(), 0);
@@ -104,7 +100,9 @@ void run_rows(const std::string& file) {
           {"connect", wds_connect},          {"disconnect", wds_disconnect}};
       Modem modem(g_ndis_mode ? &g_at_fd : &qmitty_fd, tick);
       const auto start = std::chrono::steady_clock::now();
+      const int fds = open_fds();
       g_ret = modem.run(ops.at(name), Modem::script(v[2], g_ndis_mode ? unescape : hex));
+      g_leaked = open_fds() - fds;
       g_seconds = static_cast<int>((std::chrono::steady_clock::now() - start) / std::chrono::seconds(1));
       check_vars(kVars, v[3]);
       std::string written;
@@ -116,7 +114,6 @@ void run_rows(const std::string& file) {
       for (const std::string& w : g_ndis_mode ? modem.written : Strings{}) written += w;
       EXPECT_EQ(written, v[4] == "-" ? "" : g_ndis_mode ? unescape(v[4]) : v[4]);
       expect_logged(v.from(5));
-    }
   }
 }
 

@@ -64,48 +64,38 @@ TEST(Qmi, Parsers) {
   }
 }
 
-// awaited | the modem's blocks | values after | records logged in this order
-TEST(Qmi, Waits) {
-  for (const Vector& v : vectors("qmi/waits.vec")) {
-    SCOPED_TRACE(v.where);
-    fresh("status=1");
-    Modem modem(&qmitty_fd, tick);
-    if (v[1] == "closed") modem.close_daemon_end();
-    const qmi_expect expect = {kQmiCtlResponse, 1, static_cast<uint16_t>(strtoul(v[0].c_str() + 9, nullptr, 16))};
-    g_ret = modem.run([&] { return v[0] == "indication" ? wait_srvc_status_ind(3) : read_msg(&expect, 3); },
-                      Modem::script(v[1] == "closed" ? "" : v[1], hex));
-    g_unread = modem.unread();
-    g_ticks = modem.ticks;
-    check_vars(kVars, v[2]);
-    expect_logged(v.from(3));
-  }
-}
-
 // values before | request | the modem's answers | values after | the messages written | standard output
-TEST(Qmi, Requests) {
-  const std::map<std::string, std::function<int()>> requests = {
+TEST(Qmi, WaitsAndRequests) {
+  std::map<std::string, std::function<int()>> calls = {
       {"reset", wds_reset_service},   {"start", wds_start_network},          {"stop", wds_stop_network},
       {"status", wds_get_srv_state},  {"runtime", wds_get_runtime_settings}, {"abort 0001", [] { return wds_abort(1); }},
-      {"abort BEEF", [] { return wds_abort(0xBEEF); }}};
-  for (const Vector& v : vectors("qmi/requests.vec")) {
-    SCOPED_TRACE(v.where);
-    fresh(v[0]);
-    Modem modem(&qmitty_fd, tick);
-    if (v[2] == "closed") modem.close_daemon_end();
-    testing::internal::CaptureStdout();
-    g_ret = modem.run(requests.at(v[1]), Modem::script(v[2] == "closed" ? "" : v[2], hex));
-    const std::string printed = testing::internal::GetCapturedStdout();
-    g_ticks = modem.ticks;
-    const Strings texts = log_texts();
-    g_dumps = modem.written.empty() ? 0 : std::count(texts.begin(), texts.end(), dump_row(modem.written[0]));
-    check_vars(kVars, v[3]);
-    Strings written;
-    for (const std::string& msg : split(v[4], " / ")) written.push_back(hex(msg));
-    EXPECT_EQ(modem.written, written);
-    if (v.f.size() > 5) {
+      {"abort BEEF", [] { return wds_abort(0xBEEF); }}, {"indication", [] { return wait_srvc_status_ind(3); }}};
+  for (const uint16_t id : {kWdsReset, kWdsAbort, kWdsStartNetwork, kWdsStopNetwork, kWdsPktSrvcStatus,
+                            kWdsRuntimeSettings, uint16_t{1}}) {
+    char name[16];
+    snprintf(name, sizeof name, "response %04X", id);
+    calls[name] = [id] { const qmi_expect expect = {kQmiCtlResponse, 1, id}; return read_msg(&expect, 3); };
+  }
+  for (const std::string file : {"qmi/waits.vec", "qmi/requests.vec"}) {
+    for (const Vector& v : vectors(file)) {
+      SCOPED_TRACE(v.where);
+      fresh(v[0]);
+      Modem modem(&qmitty_fd, tick);
+      if (v[2] == "closed") modem.close_daemon_end();
+      testing::internal::CaptureStdout();
+      g_ret = modem.run(calls.at(v[1]), Modem::script(v[2] == "closed" ? "" : v[2], hex));
+      const std::string printed = testing::internal::GetCapturedStdout();
+      g_ticks = modem.ticks;
+      g_unread = modem.unread();
+      const Strings texts = log_texts();
+      g_dumps = modem.written.empty() ? 0 : std::count(texts.begin(), texts.end(), dump_row(modem.written[0]));
+      check_vars(kVars, v[3]);
+      Strings written;
+      for (const std::string& msg : split(v[4], " / ")) written.push_back(hex(msg));
+      EXPECT_EQ(modem.written, written);
       EXPECT_EQ(printed, v[5] == "-" ? "" : unescape(v[5]));
+      expect_logged(v.from(6));
     }
-    expect_logged(v.from(6));
   }
 }
 

@@ -1,7 +1,6 @@
 // The connection manager's states, tick, events and signals on a vector
 // file, against fakes of the operations they drive.
 #include <sys/time.h>
-#include <time.h>
 
 #include <chrono>
 
@@ -45,9 +44,9 @@ int wds_get_srv_state() {
   return record("srv_state") + fake.srv;
 }
 int get_dev_traffic(const char*, dev_traffic* traffic) {
+  const long long tx = fake.tx.empty() ? 0 : std::stoll(fake.tx);
   const size_t comma = fake.tx.find(',');
-  const long long tx = fake.tx.empty() ? 0 : std::stoll(fake.tx.substr(0, comma));
-  fake.tx = comma == std::string::npos ? "" : fake.tx.substr(comma + 1);
+  fake.tx.erase(0, comma == std::string::npos ? comma : comma + 1);  // the readings still to come
   traffic->tx_bytes = static_cast<uint32_t>(tx);
   return record("traffic") - (tx < 0);
 }
@@ -61,14 +60,6 @@ namespace {
 constexpr const char* kStates[] = {"init", "ready", "connecting", "connected", "disconnected", "idle", "exit"};
 int g_next, g_seconds;
 
-std::string pending_events() {
-  std::string out;
-  for (uint32_t at = qmi_event_queue.head; at != qmi_event_queue.tail; at = (at + 1) % kEventRingSlots) {
-    out += (out.empty() ? "" : ",") + std::to_string(qmi_event_queue.slot[at]);
-  }
-  return out;
-}
-
 const Vars kVars = {
     Var{"next", [] { return std::string(kStates[g_next]); }, nullptr}, NUM_VAR("seconds", g_seconds),
     NUM_VAR("dial", g_dial),        NUM_VAR("connected", g_connected),   NUM_VAR("lost", g_link_lost),
@@ -78,7 +69,13 @@ const Vars kVars = {
     NUM_VAR("idle_secs", g_idle_secs), NUM_VAR("idletime", wan_profile.idletime), NUM_VAR("manual", g_manual_connect),
     NUM_VAR("mark", g_connected_mark), NUM_VAR("busy", g_manual_connect_busy), NUM_VAR("armed", g_timer_armed),
     NUM_VAR("head", qmi_event_queue.head), NUM_VAR("tail", qmi_event_queue.tail),
-    Var{"events", pending_events, [](const std::string& v) { for (auto& c : split(v, ",")) qmi_event_post(std::stoul(c)); }},
+    Var{"events", [] {  // the pending events in order; set: each posted
+          std::string out;
+          for (uint32_t at = qmi_event_queue.head; at != qmi_event_queue.tail; at = (at + 1) % kEventRingSlots) {
+            out += (out.empty() ? "" : ",") + std::to_string(qmi_event_queue.slot[at]);
+          }
+          return out;
+        }, [](const std::string& v) { for (auto& c : split(v, ",")) qmi_event_post(std::stoul(c)); }},
     Var{"interval", [] { itimerval t; getitimer(ITIMER_REAL, &t); return std::to_string(t.it_interval.tv_sec); }, nullptr},
     NUM_VAR("bring_up", fake.bring_up), NUM_VAR("connect", fake.connect), NUM_VAR("srv", fake.srv),
     NUM_VAR("srv_status", fake.srv_status), NUM_VAR("post_mid", fake.post_mid),
@@ -104,16 +101,9 @@ void fresh(const std::string& values) {
 
 // In 20 ms a signal whose handler does nothing ends a pause or wait of the step.
 void wake_soon() {
-  static timer_t timer = [] {
-    sigevent event = {};
-    event.sigev_notify = SIGEV_SIGNAL;
-    event.sigev_signo = SIGCHLD;
-    timer_t created = {};
-    timer_create(CLOCK_MONOTONIC, &event, &created);
-    return created;
-  }();
-  const itimerspec when = {{0, 0}, {0, 20 * 1000 * 1000}};
-  timer_settime(timer, 0, &when, nullptr);
+  signal(SIGALRM, [](int) {});
+  const itimerval once = {{0, 0}, {0, 20 * 1000}};
+  setitimer(ITIMER_REAL, &once, nullptr);
 }
 
 void act(const std::string& action) {
