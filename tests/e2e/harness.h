@@ -6,7 +6,6 @@
 #pragma once
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -19,6 +18,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <optional>
@@ -53,19 +53,11 @@ inline bool wait_for(const std::function<bool()>& cond, Millis limit) {
 // would pass the old file's first part off as all of it. (Not for /proc
 // files: they show size 0.)
 inline std::optional<std::string> slurp(const std::string& path, bool may_shrink = false) {
-  for (;;) {
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return std::nullopt;
-    std::string text;
-    char chunk[8192];
-    for (ssize_t n; (n = ::read(fd, chunk, sizeof chunk)) != 0;) {
-      if (n < 0 && errno != EINTR) break;
-      if (n > 0) text.append(chunk, static_cast<size_t>(n));
-    }
-    struct stat st {};
-    bool shrunk = may_shrink && ::fstat(fd, &st) == 0 && static_cast<size_t>(st.st_size) < text.size();
-    ::close(fd);
-    if (!shrunk) return text;
+  for (std::error_code ec;;) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return std::nullopt;
+    std::string text{std::istreambuf_iterator<char>(in), {}};
+    if (!may_shrink || std::filesystem::file_size(path, ec) >= text.size()) return text;
   }
 }
 
@@ -76,26 +68,15 @@ inline std::vector<std::string> whole_lines(const std::string& text) {
   return lines;
 }
 
-inline std::string trimmed(std::string s) {
-  while (!s.empty() && (s.back() == '\n' || s.back() == '\r' || s.back() == ' ')) s.pop_back();
-  return s;
-}
-
-struct CommandResult {
-  int status = -1;     // exit status, -1 if the command did not end normally
-  std::string output;  // standard output and error together
-};
-
-// Runs a shell command line to its end.
-inline CommandResult shell(const std::string& command) {
-  CommandResult r;
+// Runs a shell command line to its end: what it printed, errors included.
+inline std::string shell(const std::string& command) {
+  std::string out;
   FILE* p = popen((command + " 2>&1").c_str(), "r");
   if (!p) throw std::runtime_error("cannot run " + command);
   char buf[4096];
-  for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) r.output.append(buf, n);
-  int status = pclose(p);
-  r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return r;
+  for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
+  pclose(p);
+  return out;
 }
 
 struct SandboxOptions {
@@ -123,13 +104,6 @@ struct Record {
   uint16_t tx = 0, id = 0;
 };
 
-struct BusMessage {
-  std::string sender;
-  uint32_t type = 0, len = 0;
-  std::string payload;
-  bool operator==(const BusMessage&) const = default;
-};
-
 class Sandbox {
  public:
   explicit Sandbox(SandboxOptions options = {}) : opts_(std::move(options)) {
@@ -140,11 +114,7 @@ class Sandbox {
   // Shuts down and waits until nothing of it is left; keeps its files when
   // the test failed.
   ~Sandbox() {
-    try {
-      stop();
-    } catch (...) {
-    }
-    if (dir_.empty()) return;
+    stop();
     std::error_code ec;
     if (!::testing::Test::HasFailure()) std::filesystem::remove_all(dir_, ec);
     else fprintf(stderr, "sandbox files kept in %s (final/log/wds.log: the daemon's log)\n", dir_.c_str());
@@ -156,62 +126,53 @@ class Sandbox {
   void start() {
     [[maybe_unused]] static const int subreaper = prctl(PR_SET_CHILD_SUBREAPER, 1);  // see gone()
     char tmpl[] = "/tmp/wds-e2e.XXXXXX";
-    if (!mkdtemp(tmpl)) throw std::runtime_error("mkdtemp failed");
+    if (!mkdtemp(tmpl) || access(daemon_.c_str(), X_OK) != 0) throw std::runtime_error("no directory or no " + daemon_);
     dir_ = tmpl;
-    std::vector<std::string> args = {WDS_E2E_SANDBOX_PATH, "--dir", dir_, "--daemon", daemon_};
-    if (!opts_.start_daemon) args.push_back("--no-start");  // the daemon may come with start_daemon()
-    if (opts_.chip) args.insert(args.end(), {"--chip", sim::escape(*opts_.chip)});
-    else args.insert(args.end(), {"--mode", "none"});
-    if (opts_.no_profile) args.push_back("--no-profile");
-    else if (opts_.profile) args.insert(args.end(), {"--profile", sim::escape(*opts_.profile)});
-    if (opts_.dial) args.insert(args.end(), {"--dial", std::to_string(*opts_.dial) + "\\n"});
-    for (const auto& c : opts_.sim) args.insert(args.end(), {"--sim-do", c});
-    if (!opts_.hotplug) args.push_back("--no-hotplug");
-    if (access(daemon_.c_str(), X_OK) != 0) throw std::runtime_error("daemon binary not found: " + daemon_);
-    runner_pid_ = fork();
-    if (runner_pid_ == 0) {
-      int out = open((dir_ + "/sandbox.out").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-      dup2(out, 1);
-      dup2(out, 2);
-      std::vector<char*> argv;
-      for (auto& a : args) argv.push_back(a.data());
-      argv.push_back(nullptr);
-      execv(argv[0], argv.data());
-      _exit(127);
-    }
+    // Its options as shell words: no single quote in any of them.
+    std::string command = std::string(WDS_E2E_SANDBOX_PATH) + " --dir " + dir_ + " --daemon " + daemon_;
+    auto option = [&](const std::string& name, const std::string& value) { command += " " + name + " '" + value + "'"; };
+    if (!opts_.start_daemon) command += " --no-start";  // the daemon may come with start_daemon()
+    if (opts_.chip) option("--chip", sim::escape(*opts_.chip));
+    else command += " --mode none";
+    if (opts_.no_profile) command += " --no-profile";
+    else if (opts_.profile) option("--profile", sim::escape(*opts_.profile));
+    if (opts_.dial) option("--dial", std::to_string(*opts_.dial) + "\\n");
+    for (const auto& c : opts_.sim) option("--sim-do", c);
+    if (!opts_.hotplug) command += " --no-hotplug";
+    // In the background: the shell leaves at once and, as a subreaper, we
+    // inherit the runner.
+    runner_pid_ = std::stoi(shell(command + " > " + exchange("sandbox.out") + " 2>&1 & echo $!"));
     auto is = [&](const char* name) { return access(exchange(name).c_str(), F_OK) == 0; };
     wait_for(
         [&] {
-          if (waitpid(runner_pid_, nullptr, WNOHANG) > 0) runner_pid_ = -1;  // it gave up
+          if (runner_pid_ > 0 && waitpid(runner_pid_, nullptr, WNOHANG) > 0) runner_pid_ = -1;  // it gave up
           return runner_pid_ < 0 || is("ready") || is("failed");
         },
         20s);
     if (auto pid1 = slurp(exchange("init.pid"))) init_pid_ = std::stoi(*pid1);
-    if (!is("ready"))
-      throw std::runtime_error("sandbox did not start: " + slurp(exchange("failed")).value_or("") +
-                               slurp(exchange("sandbox.out")).value_or(""));
+    if (!is("ready")) throw std::runtime_error("sandbox did not start: " + slurp(exchange("sandbox.out")).value_or(""));
   }
   // Orderly end: PID 1 copies /var/log and /var/wan to the exchange
   // directory's final/ and leaves, which ends every process inside.
   void stop() {
     if (runner_pid_ <= 0) return;
     try {
-      sim::control_request(exchange("init.sock"), "shutdown", 5000);
+      control("init.sock", "shutdown");
     } catch (...) {
       kill(runner_pid_, SIGTERM);
     }
-    if (!wait_for([&] { return waitpid(runner_pid_, nullptr, WNOHANG) == runner_pid_; }, 15s)) kill_hard();
-    runner_pid_ = -1;
-    wait_for([&] { return gone(init_pid_); }, 15s);
+    if (wait_for([&] { return waitpid(runner_pid_, nullptr, WNOHANG) == runner_pid_; }, 15s)) runner_pid_ = -1;
+    kill_hard();
   }
-  // SIGKILL to the runner; everything inside dies with it. Waits until PID 1
-  // is gone.
-  void kill_hard() {
-    if (runner_pid_ <= 0) return;
-    kill(runner_pid_, SIGKILL);
-    waitpid(runner_pid_, nullptr, 0);
+  // SIGKILL to the runner; everything inside dies with it. True once PID 1,
+  // and so every process of its namespace, is gone.
+  bool kill_hard() {
+    if (runner_pid_ > 0) {
+      kill(runner_pid_, SIGKILL);
+      waitpid(runner_pid_, nullptr, 0);
+    }
     runner_pid_ = -1;
-    if (!wait_for([&] { return gone(init_pid_); }, 15s)) throw std::runtime_error("PID 1 outlived its runner");
+    return wait_for([&] { return gone(init_pid_); }, 15s);
   }
 
   const std::string& ifname() const { return ifname_; }
@@ -221,10 +182,7 @@ class Sandbox {
   // name for a file of /var/wan/<if>/ ("status", "dial", ...) ----
   std::optional<std::string> read(const std::string& path) const { return slurp(host_path(path)); }
   void write(const std::string& path, const std::string& text) const {
-    int fd = ::open(host_path(path).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    bool done = fd >= 0 && ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    if (fd >= 0) ::close(fd);
-    if (!done) throw std::runtime_error("cannot write " + path + " in the sandbox");
+    if (!(std::ofstream(host_path(path), std::ios::binary | std::ios::trunc) << text)) throw std::runtime_error(path);
   }
   void write_dial(int value) const { write("dial", std::to_string(value) + "\n"); }
   std::string log() const { return slurp(host_path("/var/log/wds.log"), true).value_or(""); }
@@ -245,8 +203,7 @@ class Sandbox {
     return wait_for([&] { return count_log(text) >= count; }, limit);
   }
 
-  // ---- the simulator: a command's answer after "ok" (trimmed); throws on
-  // "err" ----
+  // ---- the simulator: a command's answer after "ok"; throws on "err" ----
   std::string sim(const std::string& command) const { return control("sim.sock", command); }
   std::map<std::string, std::string> sim_state() const {  // "get", as key=value
     std::map<std::string, std::string> out;
@@ -257,19 +214,19 @@ class Sandbox {
     std::vector<Record> out;
     for (const auto& line : lines("device.log")) {
       auto w = sim::split(line, ' ');  // seq time kind data...
-      if (w.size() < 4) continue;
-      std::string rest = line.substr(w[0].size() + w[1].size() + w[2].size() + 3);
-      out.push_back({std::stoll(w[1]), w[2], w[2] == "ev" ? rest : sim::from_hex(rest).value_or("")});
+      std::string rest = w.size() < 4 ? "" : line.substr(w[0].size() + w[1].size() + w[2].size() + 3);
+      if (w.size() >= 3) out.push_back({std::stoll(w[1]), w[2], w[2] == "ev" ? rest : sim::from_hex(rest).value_or("")});
     }
     return out;
   }
-  // The WDS messages the daemon wrote, all or those of one id.
+  // The WDS messages the daemon wrote (refused writes included), all or
+  // those of one id.
   std::vector<Record> qmi_requests(std::optional<uint16_t> id = std::nullopt) const {
     std::vector<Record> out;
     for (auto r : device_log()) {
       if (r.kind != "rx" || r.data.size() < 7) continue;
-      auto be16 = [&](size_t i) { return static_cast<uint16_t>(uint8_t(r.data[i]) << 8 | uint8_t(r.data[i + 1])); };
-      r.tx = be16(1), r.id = be16(3);
+      r.tx = static_cast<uint16_t>(uint8_t(r.data[1]) << 8 | uint8_t(r.data[2]));
+      r.id = static_cast<uint16_t>(uint8_t(r.data[3]) << 8 | uint8_t(r.data[4]));
       if (!id || r.id == *id) out.push_back(r);
     }
     return out;
@@ -279,37 +236,30 @@ class Sandbox {
   }
 
   // ---- what the platform saw ----
-  std::vector<BusMessage> bus() const {
-    std::vector<BusMessage> out;
-    for (const auto& line : lines("bus.log")) {
-      auto w = sim::split_words(line);  // time sender type length payload
-      if (w.size() == 5)
-        out.push_back({w[1] == "-" ? "" : sim::unescape(w[1]).value_or(w[1]),
-                       static_cast<uint32_t>(std::stoul(w[2], nullptr, 16)), static_cast<uint32_t>(std::stoul(w[3])),
-                       w[4] == "-" ? "" : sim::from_hex(w[4]).value_or("")});
-    }
-    return out;
-  }
-  bool wait_bus(uint32_t type, Millis limit, size_t count = 1) const {
-    return wait_for([&] { return size_t(std::ranges::count(bus(), type, &BusMessage::type)) >= count; }, limit);
-  }
-  // Whole lines of a record in the exchange directory: "atcmd.log" (the
-  // stub tool's calls), "platform.log" (what the hotplug handler and "cms"
-  // did: "<µs> hotplug add: signal 38 to N", ...), "device.log", "bus.log".
+  // Whole lines of a record in the exchange directory: "atcmd.log" (the stub
+  // tool's calls), "platform.log" (what the hotplug handler and "cms" did:
+  // "<µs> hotplug add: signal 38 to N", ...).
   std::vector<std::string> lines(const std::string& record) const {
     return whole_lines(slurp(exchange(record)).value_or(""));
   }
+  // What "cms" received: "sender 0xTYPE length payload-in-hex", "-" for none.
+  std::vector<std::string> bus() const {
+    auto out = lines("bus.log");
+    for (auto& l : out) l.erase(0, l.find(' ') + 1);  // the time
+    return out;
+  }
+  bool wait_bus(const std::string& message, Millis limit, size_t count = 1) const {
+    return wait_for([&] { return size_t(std::ranges::count(bus(), message)) >= count; }, limit);
+  }
 
   // ---- inside the namespaces ----
-  // A shell command line run inside, with the sandbox's PATH (its stub
-  // tools first); it must not hold a single quote.
-  CommandResult run(const std::string& command) const {
+  // A shell command line run inside, with the sandbox's PATH (its stub tools
+  // first); it must not hold a single quote.
+  std::string run(const std::string& command) const {
     return shell("PATH=/run/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin nsenter -t " +
                  std::to_string(init_pid_) + " -m -n -p -u -i -- sh -c '" + command + "'");
   }
-  void udp(const std::string& addr, int len, int count = 1) const {  // to port 9, from inside
-    control("init.sock", "udp " + addr + " 9 " + std::to_string(len) + " " + std::to_string(count));
-  }
+  void udp(const std::string& addr, int len) const { control("init.sock", "udp " + addr + " 9 " + std::to_string(len)); }
 
   // ---- the daemon ----
   void signal(int sig) const { control("init.sock", "kill " + std::to_string(sig)); }
@@ -320,7 +270,7 @@ class Sandbox {
   }
   std::optional<std::string> daemon_exit() const {  // "exit N" / "signal N"
     auto text = slurp(exchange("daemon.exit")).value_or("");
-    return text.empty() ? std::nullopt : std::optional(trimmed(text));
+    return text.empty() ? std::nullopt : std::optional(text.substr(0, text.find('\n')));
   }
   std::optional<std::string> wait_daemon_exit(Millis limit) const {
     wait_for([&] { return daemon_exit().has_value(); }, limit);
@@ -330,10 +280,9 @@ class Sandbox {
   // libraries, so wds-strerror, built with the daemon's toolchain next to
   // it, is asked.
   std::string daemon_strerror(int errnum) const {
-    CommandResult r = shell((std::filesystem::path(daemon_).parent_path() / "wds-strerror").string() + " " +
-                            std::to_string(errnum));
-    if (r.status != 0 || r.output.empty()) throw std::runtime_error("wds-strerror " + std::to_string(errnum) + " failed");
-    return trimmed(r.output);
+    std::string text = shell((std::filesystem::path(daemon_).parent_path() / "wds-strerror").string() + " " +
+                             std::to_string(errnum));
+    return text.substr(0, text.find('\n'));
   }
 
  private:
@@ -345,7 +294,7 @@ class Sandbox {
   std::string control(const std::string& socket, const std::string& command) const {
     std::string reply = sim::control_request(exchange(socket), command);
     if (!reply.starts_with("ok")) throw std::runtime_error(socket + " refused '" + command + "': " + reply);
-    return trimmed(reply.size() > 2 ? reply.substr(3) : "");
+    return reply.size() > 2 ? reply.substr(3) : "";
   }
   // True once nothing of the process is left. PID 1 of a sandbox is our
   // child's child: as a subreaper we inherit it when the runner dies, and it
@@ -364,10 +313,12 @@ class Sandbox {
 
 // ---- shared by the daemon scenarios ----
 
-// WDS message identifiers and bus message types as the scenarios see them.
+// WDS message identifiers, and the messages "cms" gets: link changed, and
+// the demand link ready with the interface's name in 64 bytes.
 inline constexpr uint16_t kReset = 0x0000, kAbort = 0x0002, kStartNetwork = 0x0020, kStopNetwork = 0x0021,
                           kPacketStatus = 0x0022, kRuntimeSettings = 0x002D;
-inline constexpr uint32_t kLinkChanged = 0x11601, kDemandLinkReady = 0x3d02;
+inline const std::string kLinkChanged = "qmi 0x11601 0 -";
+inline const std::string kDemandLinkReady = "qmi 0x3d02 64 " + to_hex(std::string("rmnet0") + std::string(58, '\0'));
 
 // The status poll runs every third 4-second tick. Every limit is on a
 // condition, generous for a loaded CI box.
@@ -376,6 +327,12 @@ inline constexpr auto kBringUpLimit = 40s;
 inline constexpr auto kConnectLimit = 40s;
 inline constexpr char kPollFailed[] = "qmi_event_msm_state_query: wds_get_srv_state failed";
 
+// The time from one instant to another is within [lo, hi] seconds.
+inline ::testing::AssertionResult took(int64_t from_us, int64_t to_us, double lo, double hi) {
+  double s = seconds_between(from_us, to_us);
+  if (s >= lo && s <= hi) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << s << " s, not within [" << lo << ", " << hi << "] s";
+}
 // Requests of one kind sent between two instants.
 inline size_t count_between(const std::vector<Record>& reqs, int64_t from_us, int64_t to_us) {
   return std::ranges::count_if(reqs, [&](const Record& r) { return r.t_us >= from_us && r.t_us <= to_us; });
@@ -389,8 +346,8 @@ inline std::vector<Record> events(const Sandbox& sb, const std::string& prefix) 
 // A WDS request in hex without its transaction id: flag, id, length, TLVs.
 inline std::string hex_without_tx(const Record& q) { return to_hex(q.data.substr(0, 1) + q.data.substr(3)); }
 // The IPv4 addresses on the sandbox's interface, and the routes.
-inline std::string addresses(const Sandbox& sb) { return sb.run("ip -o -4 addr show dev " + sb.ifname()).output; }
-inline std::string routes(const Sandbox& sb) { return sb.run("ip -4 route show").output; }
+inline std::string addresses(const Sandbox& sb) { return sb.run("ip -o -4 addr show dev " + sb.ifname()); }
+inline std::string routes(const Sandbox& sb) { return sb.run("ip -4 route show"); }
 
 // A call's IPv4 settings as the simulator hands them out and the daemon
 // publishes them; the default is the simulator's own.
@@ -412,9 +369,7 @@ inline ::testing::AssertionResult link_is(const Sandbox& sb, bool up, const Sett
            contains(routes(sb), s.gw + " dev " + sb.ifname()) == up;
   };
   if (sb.wait_until(holds, 5s)) return ::testing::AssertionSuccess();
-  auto failure = ::testing::AssertionFailure() << "call " << s.addr << " not " << (up ? "up" : "down") << "\n";
-  for (const auto& f : files) failure << f.first << ": " << sb.read(f.first).value_or("(none)\n");
-  return failure << addresses(sb) << routes(sb);
+  return ::testing::AssertionFailure() << "ipaddr " << sb.read("ipaddr").value_or("none\n") << addresses(sb) << routes(sb);
 }
 
 // Waits for a finished bring-up (status 0, "ready"), writes the dial request

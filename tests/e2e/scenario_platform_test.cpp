@@ -16,9 +16,8 @@ struct Reinit {
   std::vector<std::string> sim;  // the modem's behaviour from the start
   const char* once_up;           // simulator command once the call is up, or nullptr
   const char* pending;           // the fault comes while this event's request waits, else once connected
-  std::string fault;             // "remove" (then "replug"), "unplug" (the modem is back at once) or none
+  std::string fault;             // "remove" (then "replug") or "unplug" (the modem is back at once)
   bool hotplug;
-  double min_s, max_s;  // from the replug (or the fault, or signal 38) to the tty's next open
 };
 
 // Names the test after its row (ctest puts the value in the name).
@@ -35,39 +34,40 @@ TEST_P(Unplugged, ReplugEndsInAFreshCall) {
   // does it. While connected nothing notices the modem gone (the polls fail,
   // status 3 stays); without the handler the daemon keeps its dead
   // descriptor after the replug as well, until it gets signal 38 by other
-  // means, which also reinitialises a call whose modem never left. Only a
-  // bring-up recovers by itself, retrying 3 s later plus its own 3 s. A call
-  // that was up is torn down first (status 6, then 0).
+  // means. Only a bring-up recovers by itself, retrying 3 s later plus its
+  // own 3 s. A call that was up is torn down first (status 6, then 0).
   const Reinit& r = GetParam();
   const bool ndis = r.chip[0] == '1', connected = !r.pending;
   Sandbox sb({.chip = r.chip, .dial = 3, .sim = r.sim, .hotplug = r.hotplug});
   sb.start();
+  auto first_after = [&](const std::string& event, int64_t since) {
+    auto e = events(sb, event);
+    auto it = std::ranges::find_if(e, [&](const Record& x) { return x.t_us > since; });
+    return it == e.end() ? 0 : it->t_us;
+  };
+  // A status poll fails, and nothing changes.
+  auto unnoticed = [&] {
+    int failed = sb.count_log(kPollFailed);
+    return sb.wait_log(kPollFailed, kPollPeriod + 6s, failed + 1) && sb.read("status") == "3\n";
+  };
   ASSERT_TRUE(!(connected || r.once_up) || sb.wait_state("status", "3\n", kBringUpLimit + kConnectLimit)) << sb.log();
   if (r.once_up) sb.sim(r.once_up);
   ASSERT_TRUE(!r.pending || sb.wait_until([&] { return !events(sb, r.pending).empty(); }, 60s)) << sb.log();
   const size_t opens = events(sb, "open gen=").size();
-  if (!r.fault.empty()) sb.sim(r.fault);
+  sb.sim(r.fault);
   ASSERT_TRUE(!r.pending || ndis || sb.wait_log("read msg error, errno = ENODEV", 10s)) << sb.log();
-  if (connected && !r.fault.empty()) {
-    int failed = sb.count_log(kPollFailed);
-    ASSERT_TRUE(sb.wait_log(kPollFailed, kPollPeriod + 6s, failed + 1)) << sb.log();
-    EXPECT_EQ(sb.read("status"), "3\n");
-  }
+  EXPECT_TRUE(!connected || unnoticed()) << sb.log();
   int64_t t = monotonic_us();
   if (r.fault == "remove") sb.sim("replug");
-  if (!r.fault.empty() && !r.hotplug) {
-    int failed = sb.count_log(kPollFailed);
-    ASSERT_TRUE(sb.wait_log(kPollFailed, kPollPeriod + 6s, failed + 1)) << sb.log();
-    EXPECT_EQ(sb.read("status"), "3\n");
+  if (r.hotplug) {
+    auto told = [&] { auto l = sb.lines("platform.log"); return !l.empty() && contains(l.back(), "add: signal 38"); };
+    EXPECT_TRUE(r.fault != "remove" || sb.wait_until(told, 5s));
+  } else {
+    EXPECT_TRUE(unnoticed()) << sb.log();
     EXPECT_EQ(events(sb, "open gen=").size(), opens);
     EXPECT_TRUE(sb.lines("platform.log").empty());
-  }
-  if (r.fault.empty() || !r.hotplug) {
     t = monotonic_us();
     sb.signal(38);
-  } else if (r.fault == "remove") {
-    auto told = [&] { return std::ranges::any_of(sb.lines("platform.log"), [](auto& l) { return contains(l, "add: signal 38 to"); }); };
-    EXPECT_TRUE(sb.wait_until(told, 5s));
   }
   if (connected) {
     ASSERT_TRUE(sb.wait_state("status", "6\n", 10s)) << sb.log();
@@ -75,49 +75,30 @@ TEST_P(Unplugged, ReplugEndsInAFreshCall) {
     ASSERT_TRUE(sb.wait_state("status", "0\n", 30s)) << sb.log();
   }
   // The fresh call: these, in this order, after the event, then status 3.
-  const std::vector<std::string> call = ndis ? std::vector<std::string>{"open gen=", "at line AT^NDISDUP=1,1",
-                                                                        "at line AT^DHCP?"}
-                                             : std::vector<std::string>{"open gen=", "wds request reset",
-                                                                        "wds request start", "wds request runtime"};
-  auto first_after = [&](const std::string& event, int64_t since) {
-    for (const auto& e : events(sb, event))
-      if (e.t_us > since) return e.t_us;
-    return int64_t{0};
-  };
+  const std::vector<std::string> call = {"open gen=", ndis ? "at line AT^NDISDUP=1,1" : "wds request reset",
+                                         ndis ? "at line AT^DHCP?" : "wds request runtime"};
   ASSERT_TRUE(sb.wait_until([&] { return first_after(call.back(), t) > 0; }, 60s)) << sb.log();
   ASSERT_TRUE(sb.wait_state("status", "3\n", 10s)) << sb.log();
-  double recovery = seconds_since(t);
-  int64_t at = t;
-  for (const auto& event : call) {
-    int64_t next = first_after(event, at);
-    ASSERT_GT(next, at) << event;
-    if (at == t) {
-      EXPECT_GE(seconds_between(t, next), r.min_s);
-      EXPECT_LE(seconds_between(t, next), r.max_s);
-    }
-    at = next;
-  }
+  printf("[figure] %s: %.2f s to status 3\n", r.phase, seconds_since(t));
+  EXPECT_TRUE(r.fault != "unplug" || took(t, first_after(call[0], t), 5.5, 10));  // 3 s, then bring-up's own 3 s
+  EXPECT_TRUE(first_after(call[0], t) < first_after(call[1], t) && first_after(call[1], t) < first_after(call[2], t));
   EXPECT_TRUE(link_is(sb, true, {}));
-  EXPECT_EQ(count_between(sb.qmi_requests(kStopNetwork), first_after("open gen=", t), monotonic_us()), 0u);
+  EXPECT_EQ(count_between(sb.qmi_requests(kStopNetwork), first_after(call[0], t), monotonic_us()), 0u);
   EXPECT_TRUE(!connected || sb.wait_bus(kLinkChanged, 5s, 3));  // up, down, up
   EXPECT_FALSE(sb.daemon_exit().has_value());
-  printf("[figure] %s: %.2f s to status 3\n", r.phase, recovery);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Phases, Unplugged,
     ::testing::Values(
-        Reinit{"BringUp", "0\n", {"on reset silent times=1"}, nullptr, "wds request reset", "remove", true, 0, 60},
-        Reinit{"Connecting", "0\n", {"on start silent times=1"}, nullptr, "wds request start", "remove", true, 0, 60},
-        Reinit{"Connected", "0\n", {}, nullptr, nullptr, "remove", true, 0, 60},
-        Reinit{"Disconnecting", "0\n", {"on stop silent times=1"}, "drop", "wds request stop", "remove", true, 0, 60},
-        Reinit{"ConnectedWithoutHotplug", "0\n", {}, nullptr, nullptr, "remove", false, 0, 60},
-        Reinit{"BringUpUnpluggedRecoversAlone", "0\n", {"on reset silent times=1"}, nullptr, "wds request reset",
-               "unplug", true, 5.5, 10},
-        Reinit{"ConnectedSignal38", "0\n", {}, nullptr, nullptr, "", true, 0, 60},
-        Reinit{"NdisConnected", "1\n", {}, nullptr, nullptr, "remove", true, 0, 60},
-        Reinit{"NdisDialling", "1\n", {"on dial silent times=1"}, nullptr, "at line AT^NDISDUP=1,1", "remove", true,
-               0, 60}));
+        Reinit{"BringUp", "0\n", {"on reset silent times=1"}, nullptr, "wds request reset", "remove", true},
+        Reinit{"Connecting", "0\n", {"on start silent times=1"}, nullptr, "wds request start", "remove", true},
+        Reinit{"Connected", "0\n", {}, nullptr, nullptr, "remove", true},
+        Reinit{"Disconnecting", "0\n", {"on stop silent times=1"}, "drop", "wds request stop", "remove", true},
+        Reinit{"ConnectedWithoutHotplug", "0\n", {}, nullptr, nullptr, "remove", false},
+        Reinit{"BringUpUnpluggedRecoversAlone", "0\n", {"on reset silent times=1"}, nullptr, "wds request reset", "unplug", true},
+        Reinit{"NdisConnected", "1\n", {}, nullptr, nullptr, "remove", true},
+        Reinit{"NdisDialling", "1\n", {"on dial silent times=1"}, nullptr, "at line AT^NDISDUP=1,1", "remove", true}));
 
 TEST(StuckCall, ACallLeftUpByAnUnansweredStopIsClearedBySignal38) {
   // Claim: when none of the three stop requests of a disconnect is answered,
