@@ -2,6 +2,7 @@
 // selector (mostly 9, the DHCP layout), one byte giving the prefix length,
 // the prefix, then the text.
 #include <algorithm>
+#include <cctype>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -17,8 +18,6 @@ void check(bool ok) {
   if (!ok) __builtin_trap();
 }
 
-bool blank(char c) { return c == ' ' || c == '\t'; }
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -28,22 +27,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string prefix(reinterpret_cast<const char*>(data + 2), prefix_len);
   const std::string text(reinterpret_cast<const char*>(data + 2 + prefix_len), size - 2 - prefix_len);
 
-  at_cmd_field* head = reinterpret_cast<at_cmd_field*>(0x1);
+  at_cmd_field* head = reinterpret_cast<at_cmd_field*>(0x1);  // must be overwritten, also on failure
   const int ret = at_cmd_parse(&head, prefix.c_str(), text.c_str(), selector, 0);
   int count = 0;
   for (const at_cmd_field* f = head; f != nullptr; f = f->next, ++count) {
-    check(selector == 9 && count < 8);
-    check(f->name != nullptr && strcmp(f->name, kDhcpNames[count]) == 0);
-    if (f->value != nullptr) {
-      const size_t n = strlen(f->value);
-      check(n > 0 && strpbrk(f->value, ",\r\n") == nullptr);
-      check(!blank(f->value[0]) && !blank(f->value[n - 1]));
-      check(strstr(text.c_str(), f->value) != nullptr);
-    }
+    // Named by the layout, each value trimmed, within one line of the text.
+    check(selector == 9 && count < 8 && strcmp(f->name, kDhcpNames[count]) == 0);
+    const size_t n = f->value != nullptr ? strlen(f->value) : 1;
+    check(n > 0 && (f->value == nullptr || (strpbrk(f->value, ",\r\n") == nullptr && !isblank(f->value[0]) &&
+                                            !isblank(f->value[n - 1]) && text.find(f->value) != std::string::npos)));
   }
-  check(ret == (count > 0 ? count : -1));
-  if (count > 0) check(strstr(text.c_str(), prefix.c_str()) != nullptr);
-  free_at_cmd(head == reinterpret_cast<at_cmd_field*>(0x1) ? nullptr : head);
-  check(head != reinterpret_cast<at_cmd_field*>(0x1));
+  check(ret == (count > 0 ? count : -1) && (count == 0 || text.find(prefix) != std::string::npos));
+  free_at_cmd(head);
   return 0;
 }

@@ -6,11 +6,7 @@ status=0
 for page in "$@"; do
   for device in ps utf8; do
     out=$(groff -man -ww -z -T "$device" "$page" 2>&1) || status=1
-    if [ -n "$out" ]; then
-      echo "$page ($device):"
-      echo "$out"
-      status=1
-    fi
+    [ -z "$out" ] || { printf '%s (%s):\n%s\n' "$page" "$device" "$out"; status=1; }
   done
 done
 exit $status

@@ -1,0 +1,123 @@
+// The connection manager against the real subsystems: what every module
+// starts with, the control files and the profile, and a call brought up and
+// ended against the scripted modem (QMI on the tty, or AT in NDIS mode).
+#include <chrono>
+#include <filesystem>
+
+#include "at/internal.h"
+#include "core/core.h"
+#include "link/internal.h"
+#include "log/internal.h"
+#include "platform/platform.h"
+#include "qmi/internal.h"
+#include "tests/unit/support/unit.h"
+
+namespace {
+
+int g_ret, g_seconds, g_leaked;
+
+const Vars kVars = {
+    NUM_VAR("ret", g_ret), NUM_VAR("seconds", g_seconds), NUM_VAR("connected", g_connected), NUM_VAR("ndis", g_ndis_mode),
+    NUM_VAR("marked", ndis_ctx.connected), NUM_VAR("status", connection_status), NUM_VAR("reconf", reconfiguration_flag),
+    NUM_VAR("handle", conn_handle), NUM_VAR("connect_ticks", g_connect_ticks), TEXT_VAR("pidpath", g_acPidpath),
+    TEXT_VAR("profilepath", g_acProfilepath), TEXT_VAR("dialnumber", wan_profile.dialnumber),
+    TEXT_VAR("user", wan_profile.username), TEXT_VAR("pass", wan_profile.password), TEXT_VAR("apn", wan_profile.apn),
+    TEXT_VAR("setip", wan_profile.ip), NUM_VAR("auth", wan_profile.auth), TEXT_VAR("dial_mode", wan_profile.dial_mode),
+    NUM_VAR("idletime", wan_profile.idletime), NUM_VAR("mru", wan_profile.mru), NUM_VAR("leaked", g_leaked),
+    ADDR_VAR("ip", link_settings.ipv4_addr), ADDR_VAR("dns2", link_settings.secondary_dns),
+    Var{"ifname", [] { return std::string(g_acIfname); }, [](const std::string& v) {
+          memset(g_acIfname, 'x', sizeof g_acIfname);  // nothing behind the terminator may leak
+          snprintf(g_acIfname, sizeof g_acIfname, "%s", v.c_str());
+        }},
+    Var{"pid_is_mine", [] { return std::to_string(read_file(g_acPidpath) == std::to_string(getpid())); }, nullptr},
+};
+
+// Every module's variables, which the resets put back to what the process started with.
+const Vars kModuleVars = {
+    NUM_VAR("tick", g_tick), NUM_VAR("reinit", g_reinit_req), NUM_VAR("lost", g_link_lost),
+    NUM_VAR("idle_timeout", g_idle_timeout), NUM_VAR("idle_started", g_idle_started),
+    NUM_VAR("idle_last", g_idle_last_tx), NUM_VAR("idle_secs", g_idle_secs), NUM_VAR("manual", g_manual_connect),
+    NUM_VAR("mark", g_connected_mark), NUM_VAR("busy", g_manual_connect_busy), NUM_VAR("armed", g_timer_armed),
+    NUM_VAR("head", qmi_event_queue.head), NUM_VAR("tail", qmi_event_queue.tail), NUM_VAR("dial", g_dial),
+    NUM_VAR("demand", g_demand_dial), NUM_VAR("demand_started", g_demand_started), NUM_VAR("hits", g_demand_hits),
+    NUM_VAR("demand_last", g_demand_last_tx), NUM_VAR("tx", g_tx_id), NUM_VAR("result", g_qmi_result),
+    NUM_VAR("error", g_qmi_error), NUM_VAR("tty", qmitty_fd), NUM_VAR("wait_ticks", g_wait_ticks),
+    NUM_VAR("rsp", g_connection_status_rsp), NUM_VAR("at_ticks", g_at_ticks), NUM_VAR("seq", g_at_seq),
+    NUM_VAR("wait_state", g_at_wait_state), NUM_VAR("pending_cr", g_at_pending_cr), NUM_VAR("port", g_at_fd),
+    NUM_VAR("set_up", at_rx_ring.set_up), NUM_VAR("log", log_fd), NUM_VAR("log_bytes", log_bytes),
+};
+const std::string kStartValues = all_vars(kVars) + all_vars(kModuleVars);  // taken before main
+
+void fresh(const std::string& values) {
+  wan_reset();
+  wds_core_reset();
+  qmi_event_ring_reset();
+  qmi_codec_reset();
+  qmi_transport_reset();
+  wds_client_reset();
+  at_port_reset();
+  at_response_reset();
+  demand_traffic_reset();
+  log_reset();
+  g_ret = 0;
+  reset_var("rmnet0");
+  reset_var("rmnet_tarvek0");
+  snprintf(g_acIfname, sizeof g_acIfname, "rmnet0");
+  ZUN_MSG_Init("qmi");  // as the daemon does at start
+  set_vars(kVars, values);
+}
+
+TEST(Core, ModulesStartAsTheirResetsLeaveThem) {
+  fresh("ifname=");
+  EXPECT_EQ(all_vars(kVars) + all_vars(kModuleVars), kStartValues);
+}
+
+void tick() { qmi_timer_handle(SIGALRM); }
+
+int open_fds() {
+  int n = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) n += entry.exists() ? 1 : 0;
+  return n;
+}
+
+// values before | operation | the modem's script (QMI in hex, AT as text) |
+// values after | what the daemon wrote (QMI: the messages' identifiers) | records logged, in this order
+void run_rows(const std::string& file) {
+  for (const Vector& v : vectors(file)) {
+      SCOPED_TRACE(v.where);
+      fresh(v[0]);
+      ASSERT_GE(log_open(), 0);
+      const std::string name = v[1].substr(0, v[1].find(' '));
+      const std::string arg = name.size() < v[1].size() ? unescape(v[1].substr(name.size() + 1)) : "";
+      const std::string wan = std::string("/var/wan/") + g_acIfname + "/";
+      const std::map<std::string, std::function<int()>> ops = {
+          {"dial", [&] { write_file(wan + "dial", arg); return wds_dial_read(); }},
+          {"profile", [&] { write_file(wan + "config", arg); return get_curr_profile(); }},
+          {"no_profile", get_curr_profile},  {"take", [] { wds_dial_take_request(); return 0; }},
+          {"status", [&] { return wds_status_write(std::stoi(arg)); }},
+          {"write", [&] { return WriteToFile(arg.c_str(), ""); }},      {"dial_read", wds_dial_read},
+          {"pid_create", wds_pid_file_create}, {"pid_remove", [] { wds_pid_file_remove(); return 0; }},
+          {"connect", wds_connect},          {"disconnect", wds_disconnect}};
+      Modem modem(g_ndis_mode ? &g_at_fd : &qmitty_fd, tick);
+      const auto start = std::chrono::steady_clock::now();
+      const int fds = open_fds();
+      g_ret = modem.run(ops.at(name), Modem::script(v[2], g_ndis_mode ? unescape : hex));
+      g_leaked = open_fds() - fds;
+      g_seconds = static_cast<int>((std::chrono::steady_clock::now() - start) / std::chrono::seconds(1));
+      check_vars(kVars, v[3]);
+      std::string written;
+      for (const std::string& w : g_ndis_mode ? Strings{} : modem.written) {
+        char id[12];
+        snprintf(id, sizeof id, "%s%02X%02X", written.empty() ? "" : " / ", uint8_t(w[3]), uint8_t(w.at(4)));
+        written += id;
+      }
+      for (const std::string& w : g_ndis_mode ? modem.written : Strings{}) written += w;
+      EXPECT_EQ(written, v[4] == "-" ? "" : g_ndis_mode ? unescape(v[4]) : v[4]);
+      expect_logged(v.from(5));
+  }
+}
+
+TEST(Core, ControlFilesAndProfile) { run_rows("core/files.vec"); }
+TEST(Core, Calls) { run_rows("core/calls.vec"); }
+
+}  // namespace
