@@ -13,14 +13,6 @@ std::string be32(uint32_t v) {
           static_cast<char>(v & 0xff)};
 }
 
-uint16_t get_be16(std::string_view b, size_t at) {
-  return static_cast<uint16_t>(static_cast<uint8_t>(b[at]) << 8 | static_cast<uint8_t>(b[at + 1]));
-}
-
-uint32_t get_be32(std::string_view b, size_t at) {
-  return static_cast<uint32_t>(get_be16(b, at)) << 16 | get_be16(b, at + 2);
-}
-
 std::string encode_tlv(uint8_t type, std::string_view value) {
   std::string out(1, static_cast<char>(type));
   out += be16(static_cast<uint16_t>(value.size()));

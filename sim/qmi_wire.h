@@ -45,8 +45,6 @@ using Message = wdsdecode::Message;
 
 std::string be16(uint16_t v);
 std::string be32(uint32_t v);
-uint16_t get_be16(std::string_view b, size_t at);
-uint32_t get_be32(std::string_view b, size_t at);
 
 std::string encode_tlv(uint8_t type, std::string_view value);
 // Header + TLVs with mlen computed from the TLVs.

@@ -7,6 +7,7 @@
 
 #include <cstdio>
 
+#include "decode/format.h"
 #include "sim/text.h"
 #include "sim/wire_narrator.h"
 
@@ -30,7 +31,7 @@ void Recorder::bytes(const char* kind, std::string_view data) {
   std::vector<std::string> words;
   if (narrator_ && fd_ >= 0) words = narrator_->narrate(kind, data);
   std::lock_guard lock(mu_);
-  line_locked(std::string(kind) + " " + to_hex(data));
+  line_locked(std::string(kind) + " " + wdsdecode::hex(data));
   for (const auto& w : words) line_locked(w);
 }
 

@@ -15,17 +15,6 @@ int hex_digit(char c) {
 char lower(char c) { return static_cast<char>(std::tolower(static_cast<unsigned char>(c))); }
 }  // namespace
 
-std::string to_hex(std::string_view bytes) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string out;
-  out.reserve(bytes.size() * 2);
-  for (unsigned char b : bytes) {
-    out.push_back(kDigits[b >> 4]);
-    out.push_back(kDigits[b & 0x0f]);
-  }
-  return out;
-}
-
 std::optional<std::string> from_hex(std::string_view text) {
   std::string out;
   int high = -1;

@@ -8,8 +8,6 @@
 
 namespace sim {
 
-// Lower-case hex without separators: "\x01\xab" -> "01ab".
-std::string to_hex(std::string_view bytes);
 // Accepts hex digits with optional blanks, ':' or '-' between byte pairs.
 // Returns nullopt on an odd digit count or a non-hex character.
 std::optional<std::string> from_hex(std::string_view text);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "decode/format.h"
 #include "sim/text.h"
 
 namespace sim {
@@ -87,7 +88,7 @@ void WdsModel::on_write(std::string_view bytes) {
     Message req;
     size_t used = 0;
     if (wdsdecode::take_message(bytes.substr(pos), &req, &used) != wdsdecode::Framing::kWhole) {
-      if (io_.recorder) io_.recorder->event("wds bad-request " + to_hex(bytes.substr(pos)));
+      if (io_.recorder) io_.recorder->event("wds bad-request " + wdsdecode::hex(bytes.substr(pos)));
       return;
     }
     pos += used;
@@ -181,7 +182,7 @@ std::string WdsModel::normal_answer(const Message& req, std::vector<std::string>
     }
     case kMsgStopNetwork: {
       const Tlv* h = req.find(0x01);
-      if (h == nullptr || h->value.size() != 4 || live_handle_ == 0 || get_be32(h->value, 0) != live_handle_)
+      if (h == nullptr || h->value.size() != 4 || live_handle_ == 0 || wdsdecode::be32(h->value, 0) != live_handle_)
         return response(req, "", 1, kErrInvalidHandle);
       live_handle_ = 0;
       call_status_ = kStatusDisconnected;

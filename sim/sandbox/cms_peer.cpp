@@ -13,6 +13,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "decode/format.h"
 #include "platform/platform.h"
 #include "sim/runtime.h"
 #include "sim/sandbox/files.h"
@@ -83,7 +84,7 @@ void CmsPeer::receive() {
     if (n < 0) return;
     std::string_view bytes(reinterpret_cast<char*>(buf), static_cast<size_t>(n));
     if (bytes.size() < sizeof(zun_msg_header)) {
-      append_record(kBusLog, "short " + sim::to_hex(bytes));
+      append_record(kBusLog, "short " + wdsdecode::hex(bytes));
       continue;
     }
     zun_msg_header h;
@@ -97,7 +98,7 @@ void CmsPeer::handle(const Message& m) {
   char type[16];
   snprintf(type, sizeof type, "0x%x", m.type);
   append_record(kBusLog, (m.sender.empty() ? "-" : sim::escape(m.sender)) + " " + type + " " + std::to_string(m.len) +
-                            " " + (m.payload.empty() ? "-" : sim::to_hex(m.payload)));
+                            " " + (m.payload.empty() ? "-" : wdsdecode::hex(m.payload)));
   if (m.type == kDemandLinkReady && reinstall_demand_route_) {
     int exit_status = run_shell(kDemandRouteCmd);
     append_record(kPlatformLog, "cms 0x3d02: " + std::string(kDemandRouteCmd) + " (exit " +

@@ -28,6 +28,7 @@
 #include <thread>
 #include <vector>
 
+#include "decode/format.h"
 #include "sim/control.h"
 #include "sim/runtime.h"
 #include "sim/text.h"
@@ -41,7 +42,7 @@ inline int64_t monotonic_us() { return sim::monotonic_us(); }
 inline double seconds_since(int64_t t_us) { return static_cast<double>(monotonic_us() - t_us) / 1e6; }
 inline double seconds_between(int64_t from_us, int64_t to_us) { return static_cast<double>(to_us - from_us) / 1e6; }
 inline bool contains(const std::string& text, const std::string& needle) { return text.find(needle) != std::string::npos; }
-inline std::string to_hex(const std::string& bytes) { return sim::to_hex(bytes); }
+inline std::string to_hex(const std::string& bytes) { return wdsdecode::hex(bytes); }
 
 inline bool wait_for(const std::function<bool()>& cond, Millis limit) {
   for (auto deadline = std::chrono::steady_clock::now() + limit; !cond(); std::this_thread::sleep_for(20ms))
