@@ -24,7 +24,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 2) return 0;
   const int selector = (data[0] & 0x80) != 0 ? static_cast<int8_t>(data[0]) : 9;
   const size_t prefix_len = std::min<size_t>(data[1] % 12, size - 2);
-  const std::string prefix(reinterpret_cast<const char*>(data + 2), prefix_len);
+  // The parser reads the prefix as a C string: up to its first NUL.
+  const std::string prefix(std::string(reinterpret_cast<const char*>(data + 2), prefix_len).c_str());
   const std::string text(reinterpret_cast<const char*>(data + 2 + prefix_len), size - 2 - prefix_len);
 
   at_cmd_field* head = reinterpret_cast<at_cmd_field*>(0x1);  // must be overwritten, also on failure
