@@ -3,6 +3,7 @@
 #include "log/log.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdarg>
@@ -66,6 +67,8 @@ void log_reset() {
 
 int log_open() {
   log_fd = open(kLogFile, kLogOpenFlags | O_APPEND, kLogFileMode);
+  // A log left by an older build may be readable by all: root's alone from now on.
+  if (log_fd >= 0) fchmod(log_fd, kLogFileMode);
   return log_fd;
 }
 

@@ -47,16 +47,26 @@ TEST(Log, RecordsAndDumps) {
   }
 }
 
-// The log holds credentials: created for root alone whatever the umask, and
-// not inherited by the commands the daemon runs.
+// The log holds credentials: root's alone whatever the umask, also a log an
+// older build left readable by all, and not inherited by the commands the
+// daemon runs.
 TEST(Log, CreatedForRootAlone) {
-  const mode_t saved_umask = umask(0);
-  fresh("-");
-  umask(saved_umask);
-  struct stat st = {};
-  ASSERT_EQ(lstat(kLog.c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode, S_IFREG | 0600u);
-  EXPECT_EQ(fcntl(log_fd, F_GETFD), FD_CLOEXEC);
+  for (const bool left_by_older_build : {false, true}) {
+    const mode_t saved_umask = umask(0);
+    log_reset();
+    reset_var("rmnet0");
+    if (left_by_older_build) {
+      write_file(kLog, "old\n");
+      chmod(kLog.c_str(), 0644);
+    }
+    ASSERT_GE(log_open(), 0);
+    umask(saved_umask);
+    struct stat st = {};
+    ASSERT_EQ(lstat(kLog.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode, S_IFREG | 0600u) << left_by_older_build;
+    EXPECT_EQ(fcntl(log_fd, F_GETFD), FD_CLOEXEC);
+    log_close();
+  }
 }
 
 }  // namespace
