@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // AT command channel on the modem's tty (NDIS mode): what the connection
 // manager uses of it.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The DHCP and IPv6 capability replies, as read back from their files:
 // the DHCP addresses as host-order words, the IPv6 capability as a number.
 #include <cstdio>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The AT channel's own parts, shared by its files and its tests: the port and
 // its receive ring, the request record and its assembly into lines, the NDIS
 // operations and the reply files, and each file's reset.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // NDIS-mode AT operations: dial and hang-up, the DHCP and IPv6 capability
 // queries, and the few settings commands the modem offers.
 #include <cstdio>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The AT port on the modem's command tty: opening it raw, writing one
 // command line, and reading the modem's output into the receive ring.
 #include <fcntl.h>

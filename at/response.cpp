@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // One AT command, one outcome: the modem's output is taken from the receive
 // ring, assembled into lines and sorted into reply lines, a final result and
 // unsolicited reports.

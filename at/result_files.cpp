@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The small files under /var/log that the queries pass their replies through.
 #include <fcntl.h>
 #include <unistd.h>

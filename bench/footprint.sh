@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: ISC
 # Footprint of the daemon of one build directory, beside its floor program
 # (wds-floor: waits and does nothing, compiled and linked as wdsd is):
 # stripped size, needed libraries, and, with a call up in the sandbox

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Preloaded into a dynamically linked wdsd (and the floor program) by
 // footprint.sh: counts every heap call of the process, the C library's own
 // on its behalf included, since glibc's internal calls go through these

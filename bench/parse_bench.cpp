@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // CPU cost of the daemon's hot paths on the board: taking a WDS block apart,
 // dumping it to the log, reading the interface counters.
 #include <benchmark/benchmark.h>

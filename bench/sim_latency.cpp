@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Latency of the simulated modem and start-up time of the sandbox: what an
 // end-to-end test pays per request and per sandbox.
 //

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 cmake_minimum_required(VERSION 3.25)
 # cmake -DFOLDER=qmi -DALLOWED="qmi;wan;log" -DFILES="..." -P check_includes.cmake
 # Fails when a file of FOLDER includes a project header outside ALLOWED.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # wds_daemon_library(NAME SOURCES files... [DEPENDS libraries...])
 #
 # One static library per folder of the daemon, linked against exactly the

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # Warnings for every target of the project, with g++ and clang alike; the
 # project's presets and CI make them errors (WDS_WERROR), a packager's plain
 # build does not.

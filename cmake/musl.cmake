@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # Static musl build with clang, shared by the musl toolchain files. Debian
 # has no C++ runtime for musl, so C++ takes libstdc++'s headers and static
 # library from the GNU toolchain of the same architecture: the headers see

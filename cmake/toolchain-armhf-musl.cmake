@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # Static build for 32-bit ARM boards against musl (Debian's musl-dev:armhf)
 # with clang 14; libstdc++ and the kernel headers come from the
 # arm-linux-gnueabihf cross toolchain. Code for Debian's armhf baseline

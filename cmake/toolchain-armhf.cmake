@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # Cross build for 32-bit ARM boards (Debian's arm-linux-gnueabihf toolchain);
 # programs run on the build machine through qemu-user.
 set(CMAKE_SYSTEM_NAME Linux)

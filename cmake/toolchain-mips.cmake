@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # Cross build for big-endian 32-bit MIPS (Debian's mips-linux-gnu toolchain):
 # proves the wire codec gives the same bytes on a big-endian host.
 set(CMAKE_SYSTEM_NAME Linux)

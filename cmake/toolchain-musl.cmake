@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: ISC
 # Static x86_64 build against musl (Debian's musl-dev) with clang 14.
 set(CMAKE_SYSTEM_PROCESSOR x86_64)
 set(WDS_MUSL_TRIPLE x86_64-linux-musl)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Datacard bring-up: signals, mode, interface, pid file, driver probe,
 // control channel, tick, profile, status, WDS reset.
 #include <linux/ethtool.h>

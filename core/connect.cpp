@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Bringing a packet-data call up and ending it, in QMI and NDIS mode.
 #include <cstring>
 

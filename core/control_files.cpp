@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The per-interface control files the connection manager owns: the dial
 // request and the pid file (the status file is in wan/). They are read and
 // written with descriptors: the dial file is read on every tick.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Connection manager: process entry, state machine, event ring, signals,
 // bring-up, control files and dial profile, connect and disconnect. Nothing
 // below this folder uses it; its files and tests do.

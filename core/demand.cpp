@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Dial on demand, in one place to start from. The pieces:
 //   - the tick posts the demand events every third tick (timer.cpp);
 //   - while down, the link's traffic check raises g_demand_dial

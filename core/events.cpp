@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The event ring: the tick handler posts, the main loop drains.
 #include "core/core.h"
 #include "link/link.h"

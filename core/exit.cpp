@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The two ways out: the exit path, and the clean-up before bring-up runs again.
 #include <cstdlib>
 

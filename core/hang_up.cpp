@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Ending a call, written once for the three paths that end one: the state
 // machine's disconnected state and the exit path hang up in the current
 // mode; clean-up sends the modem nothing and only tears the link down.

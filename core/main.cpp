@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Process entry: detach, open the log, set the restart point, run the machine.
 #include <unistd.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The dial profile "/var/wan/<ifname>/config": one "key = value" per line.
 #include <unistd.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Signal handlers, and their installation: the handlers only set flags or
 // leave through the restart point.
 #include "core/core.h"

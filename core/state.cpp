@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Module-level state of the connection manager, shared with the signal
 // handlers. What the other subsystems read of it is in wan/.
 #include <cstring>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The connection state machine: one step per state, one place per transition.
 #include <unistd.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The 4-second tick: the interval timer, and its handler, which advances
 // the tick counts and posts the events of every third tick.
 #include <sys/time.h>

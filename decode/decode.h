@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Host-side decoder of the WDS wire and of the daemon's log, shared by the
 // modem simulator, the demo (through the simulator's records) and the
 // wds-decode tool. Messages on the tty are bare WDS service messages with

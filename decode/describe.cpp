@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Names of WDS messages and of the fields their TLVs carry. The error and
 // call-end texts are the daemon's own tables.
 #include <array>

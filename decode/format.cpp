@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 #include "decode/format.h"
 
 #include <cstdarg>

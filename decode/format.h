@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Text helpers of the decoder.
 #pragma once
 #include <cstdint>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Taking bytes apart into messages and TLVs, checking every length before
 // reading what it claims.
 #include "decode/decode.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Reading the daemon's log and the simulator's device log. A dump in the
 // log is a header line "message(0x%04x) buf(%dbytes)" (the id's two bytes
 // show swapped) and one row per 16 bytes, "%04d: " and "%02x " per byte with

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // wds-decode [FILE]: a wds.log (or the simulator's device log) made
 // readable. Every record is printed as it is; each hex dump of a WDS
 // message becomes the message named with its fields. Reads standard input

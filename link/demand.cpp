@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Dial on demand, the link's side: the placeholder address and routes that
 // give outgoing traffic a path into the idle interface, and the check that
 // rising transmitted bytes ask for a call. The connection manager's side is

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The driver's private request, sent on the interface once the link is configured.
 #include <linux/sockios.h>
 #include <net/if.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The link module's own parts, shared by its files and its tests.
 #pragma once
 #include <cstddef>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Link configuration and traffic monitor: what the connection manager uses.
 #pragma once
 #include <cstdint>

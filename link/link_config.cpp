@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Host side of the link: interface and route commands, the state files that
 // publish the call's settings, and the notifications to "cms". The demand
 // mode's placeholder link is in demand.cpp.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Traffic counters of the interface from /proc/net/dev, read with a
 // descriptor: dial on demand reads it every 12 s, and a stream would
 // allocate its buffer each time.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The log's state, for its tests and benchmarks.
 #pragma once
 

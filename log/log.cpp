@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Log writer: one record per call, bounded by a running byte count; past the
 // limit the file is emptied and writing starts again at its beginning.
 #include "log/log.h"

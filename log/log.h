@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Size-bounded log file "/var/log/wds.log" and the hex dump of QMI messages.
 #pragma once
 #include <cerrno>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // AT response parser stand-in: finds the reply line that carries a prefix,
 // splits its comma-separated values and names them by a layout chosen with
 // the selector. The list lives on the heap until free_at_cmd.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Command runner stand-in: "/bin/sh -c cmd" in a clean child.
 //
 // The shell runs as a grandchild of a short-lived intermediate process, so

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Message bus stand-in: abstract Unix datagram sockets, one name per peer.
 #include <sys/socket.h>
 #include <sys/un.h>

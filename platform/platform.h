@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Stand-ins for the gateway's platform library: message bus, command runner,
 // AT response parser. The functions have C linkage, as in the gateway's C
 // library, so a test can replace one by its plain name at link time.

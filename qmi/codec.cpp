@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Bytes of WDS messages: cursor readers, the result TLV, request headers and
 // the packing of the start-network request. Integers are composed and split
 // byte by byte, so the bytes are the same on any host.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Texts of QMI error codes and call-end reasons, for the log only.
 #include <array>
 #include <cstddef>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The QMI client's own parts, shared by its files and its tests: the wire
 // format and codec, the transport's wait, the parsers, and each file's reset.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // WDS client over the QMI tty: what the connection manager uses of it, and
 // the message identifiers and error tables that tools decoding the wire share.
 #pragma once

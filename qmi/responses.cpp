@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Parsers of the WDS responses and of the packet-service-status indication.
 // Each starts at the message identifier (kQmiIdOffset) and keeps within the
 // bytes received: a message or TLV that claims more than arrived is refused.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The QMI tty: whole messages out, blocks of messages in, time-outs counted
 // in ticks of the daemon's interval timer.
 #include <fcntl.h>

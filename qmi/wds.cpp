@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The six WDS requests: build, send, wait for the response of the same
 // identifier, and reduce the outcome to 0, -1 or -2. What a response says is
 // left in the connection state below.

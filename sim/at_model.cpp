@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 #include "sim/at_model.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The modem's AT command interpreter in NDIS mode: command lines end with a
 // carriage return, answers are framed "\r\n<line>\r\n".
 #pragma once

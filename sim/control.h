@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // A line-oriented command socket: each line received is one command, each
 // answered with one line ("ok ..." or "err ...").
 #pragma once

@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: ISC
 # A narrated session: the unchanged wdsd in the sandbox, against the modem
 # simulator, driven the way the gateway's management side drives it (the
 # dial file, signals), with the daemon's own log lines, the modem dialogue,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 #include "sim/qmi_wire.h"
 
 #include "sim/text.h"

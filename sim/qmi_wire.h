@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The modem's side of the WDS dialect on the tty: a bare service message
 // (no multiplexing header) whose every multi-byte integer is big-endian,
 // TLV lengths and addresses included.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 #include "sim/runtime.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Plumbing shared by the simulator's parts: the event record, the timer
 // thread, and what a modem model is given to answer with.
 #pragma once

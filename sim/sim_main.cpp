@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // wds-sim: the modem simulator. Serves the modem's tty on a regular file
 // through FUSE, speaks WDS (QMI mode) or AT (NDIS mode) on it, consumes the
 // packets of the modem's network interface, and takes commands on a Unix

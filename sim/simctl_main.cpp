@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // wds-simctl: sends one command to a running sandbox's simulator or PID 1
 // and prints the answer. Exit status 0 when the answer is "ok ...".
 #include <cstdio>

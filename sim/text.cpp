@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 #include "sim/text.h"
 
 #include <cctype>

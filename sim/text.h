@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Small text helpers shared by the simulator, the sandbox and their tests.
 #pragma once
 #include <cstdint>

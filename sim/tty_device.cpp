@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 #include "sim/tty_device.h"
 
 #include <errno.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The modem's tty as the driver presents it, served through FUSE on a
 // regular file: one whole message per write, whole read blocks per read,
 // blocking reads that a signal ends with EINTR, the client-identifier ioctl,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 #include "sim/tun_reader.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The data side of the modem: a tun interface whose packets the modem
 // consumes, so that transmit counters move exactly and nothing leaves the
 // namespace.

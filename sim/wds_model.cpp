@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 #include "sim/wds_model.h"
 
 #include <algorithm>

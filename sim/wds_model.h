@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The modem's Wireless Data Service as the daemon sees it in QMI mode: one
 // client, one call, answers in the big-endian dialect, and behaviours a test
 // switches at run time.

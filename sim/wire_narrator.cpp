@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 #include "sim/wire_narrator.h"
 
 #include <cstdio>

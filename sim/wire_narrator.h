@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The device log in words: what each bytes record of the simulator says,
 // for the demo and for people reading the log. Each WDS message is named
 // with its fields by the shared decoder, each AT line is given as text once

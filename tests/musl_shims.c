@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // What Debian's libstdc++.a, built against glibc, needs from the C library
 // beyond what musl offers. Linked into the test programs of the musl builds
 // only (with --wrap for the two locale constructors); the daemon uses none of

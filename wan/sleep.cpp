@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The one sleep that outlasts the tick: select() on no descriptors, resumed
 // with the time that remains.
 #include <sys/select.h>

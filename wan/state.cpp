@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The connection manager's state that the other subsystems read, and the two
 // shared records.
 #include <cstring>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // One-line state files under /var/wan/<ifname>/, and the status file.
 #include <fcntl.h>
 #include <unistd.h>

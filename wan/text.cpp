@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Bounded text building: formatted appends cut at the buffer's end.
 #include <cstdarg>
 #include <cstdio>

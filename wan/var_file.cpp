@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Files the daemon writes under /var, opened with descriptors: no stdio
 // stream, so no heap, on the paths that run every tick.
 #include <fcntl.h>

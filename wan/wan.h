@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The shared low layer: the records and values every subsystem of the daemon
 // may use, the connection manager's state that the others read, the fixed
 // paths, and the control-file and sleep helpers. It includes no subsystem.

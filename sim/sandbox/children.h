@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The processes PID 1 starts and reaps: the modem simulator and the daemon.
 // The daemon detaches (its parent exits at once), so PID 1 finds the
 // detached process among its re-parented children and records its exit

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 #include "sim/sandbox/cms_peer.h"
 
 #include <fcntl.h>

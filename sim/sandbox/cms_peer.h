@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The platform bus peer "cms" as the gateway has it, inside the sandbox:
 // binds the bus name and records every message it receives in bus.log, one
 // line each:

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 #include "sim/sandbox/commands.h"
 
 #include <signal.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // PID 1's command socket, init.sock in the exchange directory: one line per
 // command, one line back ("ok ..." or "err ..."):
 //   ping

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 #include "sim/sandbox/copy_tree.h"
 
 #include <dirent.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Files of the sandbox's /var die with the namespace: PID 1 copies them to
 // the exchange directory before it leaves.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 #include "sim/sandbox/files.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Small file helpers for PID 1 and the host side. Those that throw raise
 // std::runtime_error with the path and the reason.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 #include "sim/sandbox/filesystems.h"
 
 #include <dirent.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // PID 1's private file systems: /run with the exchange directory, a minimal
 // /dev, a /proc of links plus the datacard chip file, this namespace's /sys,
 // a tmpfs /var with the daemon's directories, the stub atcmd, and a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 #include "sim/sandbox/hotplug_agent.h"
 
 #include <fcntl.h>

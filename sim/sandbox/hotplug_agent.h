@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The gateway's hotplug handler, inside the sandbox: when the modem
 // re-appears it sends signal 38 to the daemon named by the daemon's pid file,
 // so that the daemon starts over on the new device instead of keeping the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Where things are inside the sandbox, as PID 1 lays them out.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // wds-sandbox: runs the unchanged daemon without hardware. Makes new mount,
 // network, pid, uts and ipc namespaces; its child, PID 1 inside, prepares
 // private /run, /dev, /proc, /sys and /var, starts the modem simulator and

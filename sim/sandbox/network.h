@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // PID 1's network namespace: loopback up, IPv6 off. The modem's interface
 // is the simulator's to create.
 #pragma once

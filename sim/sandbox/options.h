@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The sandbox's command line.
 #pragma once
 #include <optional>

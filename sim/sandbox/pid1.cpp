@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 #include "sim/sandbox/pid1.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // PID 1 of the sandbox: makes the private file systems and network, binds
 // "cms", starts the simulator and the daemon, then serves until told to
 // stop: reaps children, plays the platform's "cms" and hotplug handler,

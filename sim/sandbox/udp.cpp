@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 #include "sim/sandbox/udp.h"
 
 #include <arpa/inet.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Traffic from inside the sandbox, e.g. towards the demand-mode route. The
 // namespace has no way out: packets end in the simulator's tun reader.
 #pragma once

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: ISC
 # One vector file through wds-decode, given the file and on standard input:
 # the lines between "=== log" and "=== decoded" are the log, the lines after
 # "=== decoded" exactly what the tool prints for it.

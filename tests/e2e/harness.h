@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // End-to-end harness: the installed daemon, unchanged, in a sandbox of its
 // own (see sim/sandbox/), with the modem simulator behind its tty. Every
 // wait polls a condition until it holds or its limit passes. Failures of the

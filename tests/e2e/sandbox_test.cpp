@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The sandbox leaves nothing on the host and writes nothing to the host's
 // /var, /dev or /proc; and the installed daemon as a process in it: how it
 // starts, or refuses to, and how it ends.

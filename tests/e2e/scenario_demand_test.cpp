@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Dial on demand (dial 4) in QMI mode: a placeholder address and routes
 // catch outgoing traffic while no call is up; rising transmit counters on
 // two checks start a call; a link without outgoing traffic for the profile's

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The daemon's log over a long, busy run: the file stays within its bound,
 // starts over from empty when it is full, and holds nothing but well-formed
 // records and message dumps. (The exact count at which it starts over, the

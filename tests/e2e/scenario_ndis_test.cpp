@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // NDIS mode end to end: the daemon dials with AT^NDISDUP built from the dial
 // profile, polls AT^DHCP? until the modem has an address, publishes it in
 // dotted order, hangs up on request, and is not thrown off by echoes,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The daemon on a gateway whose platform does its part: the hotplug handler
 // sends signal 38 when the modem comes back, and signal 38 is the way out of
 // a dead descriptor or a call the modem keeps after an unanswered stop.

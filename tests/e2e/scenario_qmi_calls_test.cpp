@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // Whole QMI calls, driven the way the gateway's management side drives them:
 // a dial request in the dial file, the daemon against the simulated modem,
 // and what the rest of the gateway sees (state files, interface, routes,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // QMI mode when the network or the modem misbehaves: refusals, missing or
 // late answers, a tty that is gone, a missing profile.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // QMI mode against a modem that stays silent for a whole start-network
 // limit (120 ticks of 4 s): about eight and a half minutes of real time,
 // scheduled first in the suite.

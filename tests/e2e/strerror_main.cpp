@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // wds-strerror ERRNO: prints what strerror() of the C library it was built
 // with says for ERRNO. Built beside wdsd with the daemon's toolchain, it
 // tells the end-to-end tests the texts the daemon's error records carry.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The AT response parser on arbitrary text. Input: one byte choosing the
 // selector (mostly 9, the DHCP layout), one byte giving the prefix length,
 // the prefix, then the text.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // DHCP and IPv6 capability reply texts as the fetches read them back from
 // their result files: any text up to the 255 bytes a file pass keeps.
 #include <cstddef>

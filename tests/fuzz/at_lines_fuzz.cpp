@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The AT line assembler fed any byte stream in any read sizes.
 //
 // Input: one byte choosing the reply prefix and single-pass mode, then chunks,

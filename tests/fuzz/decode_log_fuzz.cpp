@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // wds-decode's input: any bytes as a wds.log or device log (dumps cut
 // anywhere, garbage), and any bytes as a block of the wire. The decoder must
 // end without a fault, and what it writes itself stays one line per item.

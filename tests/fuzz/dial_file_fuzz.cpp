@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The dial file's bytes as the request reader parses them, against what the
 // stream reading did: one line of up to 7 characters (fgets into 8 bytes),
 // then atoi.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // /proc/net/dev text as the traffic reader sees it: the first input byte
 // picks the interface name to look for, the rest is the file.
 #include <sys/mman.h>

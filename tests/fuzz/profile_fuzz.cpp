@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // A dial profile file as bring-up parses it: every text field stays
 // terminated within its size, and a value that was set stands in the file
 // right behind its key.

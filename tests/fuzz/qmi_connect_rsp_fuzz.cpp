@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // A start-network response from its message identifier on.
 #include <cstddef>
 #include <cstdint>

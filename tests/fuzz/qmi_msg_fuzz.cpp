@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // A block as read from the QMI tty: the first byte picks whether a response
 // or the status indication is awaited, the second the awaited identifier,
 // the rest is the block.

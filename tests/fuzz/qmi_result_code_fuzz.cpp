@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The result TLV, as the reset, abort and stop responses are parsed.
 #include <cstddef>
 #include <cstdint>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // A get-runtime-settings response from its message identifier on.
 #include <cstddef>
 #include <cstdint>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // A packet-service-status indication from its message identifier on.
 #include <cstddef>
 #include <cstdint>

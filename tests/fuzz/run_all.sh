@@ -1,4 +1,5 @@
 #!/bin/bash
+# SPDX-License-Identifier: ISC
 # Runs every fuzz target of a build for a bounded time on its seed corpus.
 # Usage: tests/fuzz/run_all.sh BUILD_DIR SECONDS_PER_TARGET
 set -euo pipefail

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: ISC
 # Each manual page renders without a warning, on paper and on a terminal.
 # Usage: render.sh PAGE...
 set -u

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The AT channel on vector files: replies sorted however the reads split
 // them, and the port, the commands, the NDIS operations and the reply
 // parsers against a scripted modem.

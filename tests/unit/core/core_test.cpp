@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The connection manager against the real subsystems: what every module
 // starts with, the control files and the profile, and a call brought up and
 // ended against the scripted modem (QMI on the tty, or AT in NDIS mode).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The link module on vector files: command lines, state files, standard
 // output and bus messages of the set-up, configuration and teardown;
 // /proc/net/dev lines; the demand check's steps.

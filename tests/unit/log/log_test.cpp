@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The log writer on a vector file: records, dumps, the size bound, a log
 // closed or gone; and the file's mode.
 #include <fcntl.h>

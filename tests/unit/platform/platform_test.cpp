@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The platform stand-ins the daemon leans on to never hang: the command
 // runner's bounded wait and the reaping of every child, and the bus when
 // its peer is absent or not reading.

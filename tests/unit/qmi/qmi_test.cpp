@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The QMI client on vector files: the parsers on bytes, the waits on blocks
 // the modem sends, the requests against a scripted modem.
 #include "log/internal.h"

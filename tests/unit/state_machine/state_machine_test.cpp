@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // The connection manager's states, tick, events and signals on a vector
 // file, against fakes of the operations they drive.
 #include <sys/time.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 #include "unit.h"
 
 #include <fcntl.h>

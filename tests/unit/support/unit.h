@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // What the unit programs share: each runs in mount and network namespaces of
 // its own with a tmpfs on /var (main in unit.cpp); vector files; the log's
 // records; variables of the code under test set and checked by name; and the

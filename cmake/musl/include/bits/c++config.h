@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: ISC
 // libstdc++'s headers as Debian ships them are configured for glibc. Seen
 // through this file they compile against musl: the pthread clock waits that
 // musl lacks are not used, and the few glibc spellings the locale and ctype
