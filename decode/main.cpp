@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: ISC
-// wds-decode [FILE]: a wds.log (or the simulator's device log) made
+// wds-decode [FILE] | --version: a wds.log (or the simulator's device log) made
 // readable. Every record is printed as it is; each hex dump of a WDS
 // message becomes the message named with its fields. Reads standard input
 // without FILE.
@@ -11,10 +11,15 @@
 #include <string>
 
 #include "decode/decode.h"
+#include "wds_version.h"
 
 int main(int argc, char** argv) {
+  if (argc == 2 && strcmp(argv[1], "--version") == 0) {
+    printf("wds-decode %s\n", WDS_VERSION);
+    return 0;
+  }
   if (argc > 2 || (argc == 2 && argv[1][0] == '-' && argv[1][1] != '\0')) {
-    fprintf(stderr, "usage: wds-decode [FILE]\n");
+    fprintf(stderr, "usage: wds-decode [FILE]\n       wds-decode --version\n");
     return 2;
   }
   std::ifstream file;

@@ -61,6 +61,7 @@
 #include "sim/tun_reader.h"
 #include "sim/wire_narrator.h"
 #include "sim/wds_model.h"
+#include "wds_version.h"
 
 namespace {
 
@@ -79,7 +80,8 @@ struct Options {
   fprintf(stderr,
           "wds-sim: %s\n"
           "usage: wds-sim --mode qmi|ndis --dir DIR [--device PATH] [--tun NAME | --no-tun]\n"
-          "               [--ready-fd N] [--uevent-fd N] [--do 'COMMAND']...\n",
+          "               [--ready-fd N] [--uevent-fd N] [--do 'COMMAND']...\n"
+          "       wds-sim --version\n",
           why);
   exit(2);
 }
@@ -92,6 +94,10 @@ Options parse(int argc, char** argv) {
       if (i + 1 >= argc) usage(("missing value for " + a).c_str());
       return argv[++i];
     };
+    if (a == "--version") {
+      printf("wds-sim %s\n", WDS_VERSION);
+      exit(0);
+    }
     if (a == "--mode") o.mode = value();
     else if (a == "--device") o.device = value();
     else if (a == "--dir") o.dir = value();

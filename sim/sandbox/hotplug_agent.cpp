@@ -3,12 +3,15 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
+#include <vector>
 
 #include "sim/sandbox/files.h"
 #include "sim/sandbox/layout.h"
@@ -19,14 +22,22 @@ namespace {
 
 // The daemon's re-initialisation request.
 constexpr int kReinitSignal = 38;
+// The integrator's handler, and what it printed.
+constexpr char kScriptPath[] = "/run/hotplug-handler";
+constexpr char kScriptOut[] = "/run/sandbox/hotplug.out";
+// The modem's tty as the kernel announces it.
+constexpr char kDevName[] = "qmitty0";
+constexpr char kDevPath[] = "/devices/platform/usb/usb1/1-1/1-1:1.2/tty/qmitty0";
 
 }  // namespace
 
-HotplugAgent::HotplugAgent(const std::string& ifname) : pid_path_("/var/wan/" + ifname + "/pid") {
+HotplugAgent::HotplugAgent(const std::string& ifname, const std::string& script)
+    : pid_path_("/var/wan/" + ifname + "/pid"), script_(!script.empty()) {
   int p[2];
   check(pipe2(p, O_CLOEXEC | O_NONBLOCK), "hotplug pipe");
   fd_ = p[0];
   sim_end_ = p[1];
+  if (script_) write_file(kScriptPath, script, 0755);
 }
 
 HotplugAgent::~HotplugAgent() {
@@ -54,6 +65,10 @@ void HotplugAgent::receive() {
 }
 
 void HotplugAgent::handle(const std::string& event) {
+  if (script_) {
+    run_script(event);
+    return;
+  }
   if (event != "add") {
     append_record(kPlatformLog, "hotplug " + event);
     return;
@@ -71,6 +86,39 @@ void HotplugAgent::handle(const std::string& event) {
   std::string what = "hotplug add: signal 38 to " + std::to_string(pid);
   if (kill(pid, kReinitSignal) != 0) what += std::string(" failed: ") + strerror(errno);
   append_record(kPlatformLog, what);
+}
+
+void HotplugAgent::run_script(const std::string& event) {
+  std::vector<std::string> env = {"ACTION=" + event, std::string("DEVPATH=") + kDevPath, "SUBSYSTEM=tty",
+                                  std::string("DEVNAME=") + kDevName, "MAJOR=250", "MINOR=0",
+                                  "SEQNUM=" + std::to_string(++seqnum_), "HOME=/", std::string("PATH=") + kPath};
+  std::vector<char*> envp;
+  for (auto& e : env) envp.push_back(e.data());
+  envp.push_back(nullptr);
+  posix_spawnattr_t attr;
+  posix_spawnattr_init(&attr);
+  sigset_t none, all;
+  sigemptyset(&none);
+  sigfillset(&all);
+  posix_spawnattr_setsigmask(&attr, &none);  // PID 1 blocks what its signalfd takes
+  posix_spawnattr_setsigdefault(&attr, &all);
+  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  posix_spawn_file_actions_t files;
+  posix_spawn_file_actions_init(&files);
+  posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&files, 1, kScriptOut, O_WRONLY | O_CREAT | O_APPEND, 0644);
+  posix_spawn_file_actions_adddup2(&files, 1, 2);
+  char* argv[] = {const_cast<char*>(kScriptPath), nullptr};
+  pid_t pid;
+  int rc = posix_spawn(&pid, kScriptPath, &files, &attr, argv, envp.data());
+  posix_spawn_file_actions_destroy(&files);
+  posix_spawnattr_destroy(&attr);
+  int status = 0;
+  std::string outcome = rc != 0 ? std::string("not run: ") + strerror(rc)
+                        : waitpid(pid, &status, 0) != pid ? "lost"
+                        : WIFEXITED(status) ? "exit " + std::to_string(WEXITSTATUS(status))
+                                            : "signal " + std::to_string(WTERMSIG(status));
+  append_record(kPlatformLog, "hotplug " + event + ": handler " + outcome);
 }
 
 }  // namespace sandbox
