@@ -139,6 +139,12 @@ void keep_standard_descriptors() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Held from the start, to be read from a descriptor: the init system may
+  // signal at once, and every one of these is for the daemon.
+  sigset_t taken;
+  sigemptyset(&taken);
+  for (int sig : {SIGCHLD, SIGTERM, SIGINT, SIGHUP, kReinitSignal}) sigaddset(&taken, sig);
+  sigprocmask(SIG_BLOCK, &taken, nullptr);
   options o = parse_options(argc, argv);
   keep_standard_descriptors();
   // The time zone is loaded now: the first local time may allocate.
@@ -177,10 +183,6 @@ int main(int argc, char** argv) {
     fprintf(stderr, "%s: cannot become the child subreaper: %s\n", kSelf, strerror(errno));
     return 1;
   }
-  sigset_t taken;
-  sigemptyset(&taken);
-  for (int sig : {SIGCHLD, SIGTERM, SIGINT, SIGHUP, kReinitSignal}) sigaddset(&taken, sig);
-  sigprocmask(SIG_BLOCK, &taken, nullptr);
   int sfd = signalfd(-1, &taken, SFD_CLOEXEC | SFD_NONBLOCK);
   signal(SIGPIPE, SIG_IGN);
   int out[2];
