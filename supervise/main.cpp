@@ -152,22 +152,6 @@ int main(int argc, char** argv) {
   char name[16];
   daemon_name(o.daemon, name, sizeof name);
 
-  int lock_fd = -1;
-  int locked = instance_lock(kLockPath, &lock_fd);
-  if (locked != 0) {
-    if (locked > 0)
-      fprintf(stderr, "%s: %s is already running (%s is taken by its supervisor or by the daemon itself); not starting another\n",
-              kSelf, name, kLockPath);
-    else
-      fprintf(stderr, "%s: cannot take %s: %s\n", kSelf, kLockPath, strerror(errno));
-    return 1;
-  }
-  if (pid_t other = instance_running(name)) {
-    fprintf(stderr, "%s: %s is already running as pid %d, started without %s; not starting another\n", kSelf, name,
-            static_cast<int>(other), kSelf);
-    return 1;
-  }
-
   if (o.log_file) {
     if (sink_file(&g.sink, o.log_file, o.log_size) != 0) {
       fprintf(stderr, "%s: cannot open %s: %s\n", kSelf, o.log_file, strerror(errno));
@@ -175,6 +159,25 @@ int main(int argc, char** argv) {
     }
   } else {
     sink_syslog(&g.sink, kSyslogSocket);
+  }
+
+  // A refusal goes to standard error for whoever started it, and to the log
+  // for whoever looks there later.
+  char refused[256] = "";
+  int lock_fd = -1;
+  int locked = instance_lock(kLockPath, &lock_fd);
+  if (locked > 0)
+    snprintf(refused, sizeof refused, "%s is already running (%s is taken by its supervisor or by the daemon itself); not starting another",
+             name, kLockPath);
+  else if (locked < 0)
+    snprintf(refused, sizeof refused, "cannot take %s: %s", kLockPath, strerror(errno));
+  else if (pid_t other = instance_running(name))
+    snprintf(refused, sizeof refused, "%s is already running as pid %d, started without %s; not starting another", name,
+             static_cast<int>(other), kSelf);
+  if (refused[0] != '\0') {
+    fprintf(stderr, "%s: %s\n", kSelf, refused);
+    note("%s", refused);
+    return 1;
   }
   line_reset(&g.line);
 

@@ -134,7 +134,8 @@ class SecondStart : public ::testing::TestWithParam<Second> {};
 
 TEST_P(SecondStart, IsRefusedWithAReasonAndNonZero) {
   // Claim: a second supervisor refuses to start beside a running daemon,
-  // saying why, with exit status 1, and the daemon goes on: beside one it
+  // saying why on its standard error and at syslog, with exit status 1, and
+  // the daemon goes on: beside one it
   // supervises, beside one whose supervisor was killed (the daemon holds
   // the lock it inherited) and beside one started without it.
   const Second& s = GetParam();
@@ -149,6 +150,7 @@ TEST_P(SecondStart, IsRefusedWithAReasonAndNonZero) {
   std::string out = start_another(sb);
   EXPECT_TRUE(contains(out, std::string("wdsd-supervise: wdsd is already running ") + s.why)) << out;
   EXPECT_TRUE(out.ends_with("exit=1\n")) << out;
+  EXPECT_TRUE(wait_syslog(sb, "not starting another", 5s));
   EXPECT_EQ(daemon_pid(sb), pid);
   EXPECT_EQ(running(sb, "wdsd-supervise"), s.supervised && !s.supervisor_killed ? 1 : 0);
   EXPECT_EQ(sb.count_log("wds state : init..."), 1);
