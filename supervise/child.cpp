@@ -16,6 +16,7 @@
 namespace {
 
 constexpr int kForwarded[] = {SIGTERM, SIGINT, SIGHUP, kReinitSignal};
+constexpr long kMaxDescriptors = 65536;
 
 struct successor_query {
   pid_t self, ended;
@@ -32,6 +33,13 @@ pid_t find_successor(const supervised* sv, pid_t ended) {
         return p.ppid == q->self && pid != q->ended && p.state != 'Z' && p.start_ticks <= q->latest_start;
       },
       &q);
+}
+
+void close_descriptors_from(int first, int keep) {
+  long max = sysconf(_SC_OPEN_MAX);
+  if (max < 0 || max > kMaxDescriptors) max = kMaxDescriptors;
+  for (int fd = first; fd < max; ++fd)
+    if (fd != keep) close(fd);
 }
 
 unsigned bit(int sig) {
@@ -55,7 +63,10 @@ int child_start(supervised* sv, const char* path, int out_fd, int lock_fd) {
     if (null >= 0) dup2(null, 0);
     dup2(out_fd, 1);
     dup2(out_fd, 2);
-    fcntl(lock_fd, F_SETFD, 0);  // the daemon holds the lock too
+    // Nothing the supervisor was given goes on to the daemon but the lock,
+    // which it holds too.
+    close_descriptors_from(3, lock_fd);
+    fcntl(lock_fd, F_SETFD, 0);
     signal(SIGPIPE, SIG_DFL);
     sigset_t none;
     sigemptyset(&none);
