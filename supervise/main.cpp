@@ -64,19 +64,19 @@ options parse_options(int argc, char** argv) {
       printf("%s %s\n", kSelf, WDS_VERSION);
       exit(0);
     }
-    if (i + 1 >= argc) usage(strcmp(a, "--daemon") == 0 || strncmp(a, "--log-", 6) == 0 ? "missing value" : "unknown option");
+    if (strcmp(a, "--daemon") != 0 && strcmp(a, "--log-file") != 0 && strcmp(a, "--log-size") != 0)
+      usage("unknown option");
+    if (i + 1 >= argc) usage("missing value");
     const char* value = argv[++i];
     if (strcmp(a, "--daemon") == 0) {
       o.daemon = value;
     } else if (strcmp(a, "--log-file") == 0) {
       o.log_file = value;
-    } else if (strcmp(a, "--log-size") == 0) {
+    } else {
       char* end;
       long long v = strtoll(value, &end, 10);
       if (*end != '\0' || v < kMinLogSize) usage("--log-size takes a number of bytes, at least 4096");
       o.log_size = static_cast<off_t>(v);
-    } else {
-      usage("unknown option");
     }
   }
   return o;

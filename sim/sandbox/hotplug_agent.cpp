@@ -3,18 +3,16 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
-#include <vector>
 
 #include "sim/sandbox/files.h"
 #include "sim/sandbox/layout.h"
+#include "sim/sandbox/spawn.h"
 
 namespace sandbox {
 
@@ -89,35 +87,11 @@ void HotplugAgent::handle(const std::string& event) {
 }
 
 void HotplugAgent::run_script(const std::string& event) {
-  std::vector<std::string> env = {"ACTION=" + event, std::string("DEVPATH=") + kDevPath, "SUBSYSTEM=tty",
-                                  std::string("DEVNAME=") + kDevName, "MAJOR=250", "MINOR=0",
-                                  "SEQNUM=" + std::to_string(++seqnum_), "HOME=/", std::string("PATH=") + kPath};
-  std::vector<char*> envp;
-  for (auto& e : env) envp.push_back(e.data());
-  envp.push_back(nullptr);
-  posix_spawnattr_t attr;
-  posix_spawnattr_init(&attr);
-  sigset_t none, all;
-  sigemptyset(&none);
-  sigfillset(&all);
-  posix_spawnattr_setsigmask(&attr, &none);  // PID 1 blocks what its signalfd takes
-  posix_spawnattr_setsigdefault(&attr, &all);
-  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-  posix_spawn_file_actions_t files;
-  posix_spawn_file_actions_init(&files);
-  posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&files, 1, kScriptOut, O_WRONLY | O_CREAT | O_APPEND, 0644);
-  posix_spawn_file_actions_adddup2(&files, 1, 2);
-  char* argv[] = {const_cast<char*>(kScriptPath), nullptr};
-  pid_t pid;
-  int rc = posix_spawn(&pid, kScriptPath, &files, &attr, argv, envp.data());
-  posix_spawn_file_actions_destroy(&files);
-  posix_spawnattr_destroy(&attr);
-  int status = 0;
-  std::string outcome = rc != 0 ? std::string("not run: ") + strerror(rc)
-                        : waitpid(pid, &status, 0) != pid ? "lost"
-                        : WIFEXITED(status) ? "exit " + std::to_string(WEXITSTATUS(status))
-                                            : "signal " + std::to_string(WTERMSIG(status));
+  std::string outcome = run_to_end({kScriptPath},
+                                   {"ACTION=" + event, std::string("DEVPATH=") + kDevPath, "SUBSYSTEM=tty",
+                                    std::string("DEVNAME=") + kDevName, "MAJOR=250", "MINOR=0",
+                                    "SEQNUM=" + std::to_string(++seqnum_), "HOME=/", std::string("PATH=") + kPath},
+                                   kScriptOut);
   append_record(kPlatformLog, "hotplug " + event + ": handler " + outcome);
 }
 
