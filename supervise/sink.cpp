@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: ISC
 // Records to syslog through its socket, or to a size-bounded file. The syslog
-// client is our own: the C library's syslog() may allocate, and it blocks
-// when the syslog daemon stops reading, which would stall the daemon on its
-// next printf once the pipe filled. Here a record that cannot go at once is
-// lost, never waited for.
+// client is our own: the C library's syslog() may allocate, and it waits for
+// as long as the syslog daemon does not read, which would stall the daemon
+// on its next printf once the pipe filled. Here a record waits for room in
+// the syslog daemon's queue (a few datagrams: a bring-up prints more at
+// once) for a bounded time, once: after a wait that ran out, records go only
+// when there is room at once, until one goes.
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -19,6 +21,7 @@
 namespace {
 
 constexpr size_t kRecordMax = kLineMax + 128;
+constexpr int kSyslogWaitMs = 500;
 constexpr mode_t kFileMode = 0640;
 
 void sink_close(log_sink* s) {
@@ -31,7 +34,10 @@ void syslog_connect(log_sink* s) {
   addr.sun_family = AF_UNIX;
   snprintf(addr.sun_path, sizeof addr.sun_path, "%s", s->path);
   s->fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (s->fd >= 0 && connect(s->fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) sink_close(s);
+  if (s->fd < 0) return;
+  timeval wait = {0, kSyslogWaitMs * 1000};
+  setsockopt(s->fd, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof wait);
+  if (connect(s->fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) sink_close(s);
 }
 
 // "Mmm dd hh:mm:ss", the day padded with a blank, as syslog stamps it.
@@ -45,9 +51,16 @@ int syslog_send(log_sink* s, const char* record, size_t len) {
   for (int attempt = 0; attempt < 2; ++attempt) {
     if (s->fd < 0) syslog_connect(s);
     if (s->fd < 0) return -1;
-    if (send(s->fd, record, len, MSG_DONTWAIT | MSG_NOSIGNAL) == static_cast<ssize_t>(len)) return 0;
-    // Its queue is full: the record is lost rather than waited for.
-    if (errno == EAGAIN || errno == EWOULDBLOCK) return -1;
+    if (send(s->fd, record, len, MSG_NOSIGNAL | (s->stalled ? MSG_DONTWAIT : 0)) == static_cast<ssize_t>(len)) {
+      s->stalled = false;
+      return 0;
+    }
+    // No room in its queue within the wait: the record is lost, and the
+    // next ones are not waited for until the syslog daemon reads again.
+    if (errno == EAGAIN || errno == EWOULDBLOCK) {
+      s->stalled = true;
+      return -1;
+    }
     // The syslog daemon has gone or was restarted: reach it anew.
     sink_close(s);
   }

@@ -51,6 +51,7 @@ struct log_sink {
   char path[kSinkPathMax];     // the syslog socket, or the file
   char old_path[kSinkPathMax + 2];  // the file's previous part, path + ".1"
   bool is_file;
+  bool stalled;                // syslog: the last record found no room in time
   off_t size, max_size;        // the file's
 };
 
