@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: ISC
 // wdsd-supervise's parts on their own: the daemon's output cut into lines,
-// the syslog records byte for byte and their delivery, the bounded file, the
-// lock, /proc, and the following of a process that detaches.
+// the syslog records byte for byte and their delivery, the bounded file,
+// /proc, and the following of a process that detaches.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -233,19 +233,7 @@ TEST_F(Sinks, AFileThatIsALinkIsRefused) {
   EXPECT_EQ(read_file("/var/sv/target"), "kept");
 }
 
-// ---- one instance, /proc ------------------------------------------------------
-
-TEST(Instance, TheLockIsTakenOnceAndFreedWithItsDescriptor) {
-  // A lock of the open file, not of the process (fcntl locks would let the
-  // same process take it twice, and would not pass to the daemon).
-  int first, second;
-  ASSERT_EQ(instance_lock("/var/wdsd.lock", &first), 0);
-  EXPECT_EQ(instance_lock("/var/wdsd.lock", &second), 1);
-  EXPECT_EQ(second, -1);
-  close(first);
-  EXPECT_EQ(instance_lock("/var/wdsd.lock", &second), 0);
-  close(second);
-}
+// ---- /proc ------------------------------------------------------------------
 
 TEST(Proc, ANameWithBlanksAndParenthesesAndTheCaughtSignals) {
   char saved[16] = {};
