@@ -67,6 +67,11 @@ fail() { say "$*" >&2; exit 1; }
 now_ms() { local t=${EPOCHREALTIME/./}; echo $((t / 1000)); }
 # A pause a trapped signal cuts short.
 pause() { sleep "$1" & wait $!; }
+# pause_until MS: until now_ms reaches MS.
+pause_until() {
+  local ms=$(($1 - $(now_ms)))
+  ((ms <= 0)) || pause "$((ms / 1000)).$(printf %03d $((ms % 1000)))"
+}
 load_now() { uptime | sed 's/.*load average: //'; }
 
 # Every sandbox is ended the way Ctrl-C ends one (its PID 1 stops all inside;
@@ -167,18 +172,19 @@ per_gateway_mean() {
     ${3:+"$3"} "$1"
 }
 cpu_busy() { awk '/^cpu / { print $2 + $3 + $4 + $7 + $8 + $9, $2 + $3 + $4 + $5 + $6 + $7 + $8 + $9 }' /proc/stat; }
-mem_available_kb() { awk '/^MemAvailable:/ { print $2 }' /proc/meminfo; }
+# memory_kb: what the host has available, and its unreclaimable kernel slab
+# (where namespaces, mounts and interfaces live).
+memory_kb() { awk '/^MemAvailable:/ { a = $2 } /^SUnreclaim:/ { k = $2 } END { print a, k }' /proc/meminfo; }
 
 # ---- the fleet ---------------------------------------------------------------
 
 LOAD_BEFORE=$(load_now)
-MEM_BEFORE=$(mem_available_kb)
+read -r MEM_BEFORE SLAB_BEFORE < <(memory_kb)
 say "load before: $LOAD_BEFORE; starting $N gateways over $((PHASES_MS / 1000)) s in $WORK"
 T_LAUNCH=$(now_ms)
 mapfile -t PHASES < <(for ((i = 0; i < N; i++)); do echo $(((RANDOM * 32768 + RANDOM) % PHASES_MS)); done | sort -n)
 for ((i = 0; i < N; i++)); do
-  wait_ms=$((T_LAUNCH + PHASES[i] - $(now_ms)))
-  ((wait_ms > 0)) && pause "$((wait_ms / 1000)).$(printf %03d $((wait_ms % 1000)))"
+  pause_until $((T_LAUNCH + PHASES[i]))
   d=$WORK/gw$(printf %04d "$i")
   GW+=("$d")
   mkdir "$d"
@@ -199,7 +205,7 @@ wait_status3 $((remaining_s > 0 ? remaining_s : 1)) ||
   fail "$(count_status3) of $N gateways connected in $START_LIMIT_S s: nothing to measure"
 T_CONNECTED=$(now_ms)
 LOAD_CONNECTED=$(load_now)
-MEM_CONNECTED=$(mem_available_kb)
+read -r MEM_CONNECTED SLAB_CONNECTED < <(memory_kb)
 snapshot >"$WORK/connected.snap"
 say "all $N connected $(((T_CONNECTED - T_LAUNCH) / 1000)) s after the first start; load: $LOAD_CONNECTED"
 # One poll period of the fleet in its steady state, for the plot.
@@ -209,14 +215,18 @@ pause 12
 
 say "outage: every simulator drops its call and refuses every start for $OUTAGE_S s"
 tell on start fail=$REFUSAL
+T_DROP=$(now_ms)
 tell drop reason=$DROP_REASON
+T_SNAPSHOT=$(now_ms)
 snapshot >"$WORK/begin.snap"
 read -r BUSY0 TOTAL0 < <(cpu_busy)
 T_BEGIN=$(now_ms)
-pause $((OUTAGE_S / 2))
+pause_until $((T_DROP + OUTAGE_S * 500))
 LOAD_OUTAGE=$(load_now)
 say "half-way through; load: $LOAD_OUTAGE"
-pause $((OUTAGE_S - OUTAGE_S / 2))
+# The closing snapshot takes as long as the opening one: the simulators
+# hear of the recovery OUTAGE_S after they heard of the drop.
+pause_until $((T_DROP + OUTAGE_S * 1000 - (T_BEGIN - T_SNAPSHOT)))
 T_END=$(now_ms)
 read -r BUSY1 TOTAL1 < <(cpu_busy)
 snapshot >"$WORK/end.snap"
@@ -247,15 +257,17 @@ awk -v csv="$OUT/outage.csv" -v per_gateway="$OUT/gateways.csv" -v plotvars="$WO
   echo "daemons and simulators still running at the end: $alive of $N"
   echo "start-up: all $N connected $(((T_CONNECTED - T_LAUNCH) / 1000)) s after the first sandbox started (phases over $((PHASES_MS / 1000)) s)"
   awk -v c="$(per_gateway_mean "$WORK/end.snap" 2 "$WORK/begin.snap")" \
-    -v d="$(per_gateway_mean "$WORK/end.snap" 3 "$WORK/begin.snap")" -v s="$(((T_END - T_BEGIN) / 1000))" -v n="$N" \
+    -v d="$(per_gateway_mean "$WORK/end.snap" 3 "$WORK/begin.snap")" -v s="$(((T_END - T_BEGIN) / 1000)).$(printf %03d $(((T_END - T_BEGIN) % 1000)))" -v n="$N" \
     -v b="$((BUSY1 - BUSY0))" -v a="$((TOTAL1 - TOTAL0))" -v cores="$(nproc)" 'BEGIN {
     printf "CPU during the outage, per sandbox: %.2f ms/s (all its processes; %.1f %% of a core for the fleet), wdsd alone %.2f ms/s\n",
       c / s, c * n / 10 / s, d / s
     printf "  host busy %.0f %% of its %d cores meanwhile, the other users of the machine included\n", b * 100 / a, cores
   }'
-  printf 'memory per sandbox, all connected: Pss %.0f kB (wdsd %.0f kB); host MemAvailable fell by %d kB per sandbox\n' \
+  printf 'memory per sandbox, all connected: Pss %.0f kB (wdsd %.0f kB); host MemAvailable fell by %d kB per sandbox,\n' \
     "$(per_gateway_mean "$WORK/connected.snap" 4)" "$(per_gateway_mean "$WORK/connected.snap" 5)" \
     $(((MEM_BEFORE - MEM_CONNECTED) / N))
+  printf '  its unreclaimable kernel slab grew by %d kB per sandbox (both with the other users of the machine)\n' \
+    $(((SLAB_CONNECTED - SLAB_BEFORE) / N))
   echo "load average (1, 5, 15 min): before $LOAD_BEFORE; all connected $LOAD_CONNECTED; mid-outage $LOAD_OUTAGE; after $LOAD_AFTER"
 } >"$OUT/outage.txt"
 cat "$OUT/outage.txt"

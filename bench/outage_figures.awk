@@ -4,10 +4,11 @@
 #   GW/device.log  the simulator's record: "ev ctl ..." for each command it
 #                  took ("on start fail=ERR" then "drop": the outage
 #                  begins; "on start clear": it ends), "ev wds request
-#                  start|stop" for each request of the daemon, and "wds tx
+#                  start|stop" for each request of the daemon, "wds tx
 #                  response ... start network ...: result=N" for each answer
-#                  and "ev ctl mark ..." where the measurement ends (the
-#                  records after it, the fleet's shutdown, are left out)
+#                  (0: the call is up at the network), and "ev ctl mark
+#                  ..." where the measurement ends (the records after it,
+#                  the fleet's shutdown, are left out)
 #   GW/bus.log     each link-changed message (0x11601) "cms" received: the
 #                  daemon sends one right after it writes status 3, and one
 #                  after status 6, so they alternate from the first, an up
@@ -140,10 +141,10 @@ END {
   # Each gateway's own outage: from its drop to its recovery; the daemon
   # has seen the drop when it stops the call, and starts it again through
   # every refusal until a link comes up after the recovery.
-  n_seen = n_back = n_refused = n_gaps = 0
+  n_seen = n_back = n_accepted = n_setup = n_refused = n_gaps = 0
   all_retrying = ""
   sum_outage = 0
-  if (per_gateway != "") print "gateway,drop_seen_s,refused_starts,status3_again_s" > per_gateway
+  if (per_gateway != "") print "gateway,drop_seen_s,refused_starts,start_accepted_s,status3_again_s" > per_gateway
   for (i = 1; i <= n_out; i++) {
     g = out[i]
     sum_outage += clear_t[g] - drop_t[g]
@@ -166,18 +167,27 @@ END {
     }
     if (first_retry == "") all_retrying = "never"
     else if (all_retrying != "never" && (all_retrying == "" || first_retry > all_retrying)) all_retrying = first_retry
+    accepted = ""
+    for (k = 1; k <= calls[g]; k++) {
+      if (call_d[g, k] > 0 && call_t[g, k] >= clear_t[g]) {
+        accepted = secs(call_t[g, k] - clear_t[g])
+        accepted_after[++n_accepted] = accepted
+        break
+      }
+    }
     back = ""
     for (k = 1; k <= links[g]; k += 2) {
       if (link_t[g, k] >= clear_t[g]) {
         back = secs(link_t[g, k] - clear_t[g])
         back_after[++n_back] = back
+        if (accepted != "") setup[++n_setup] = back - accepted
         break
       }
     }
     if (per_gateway != "") {
       sub(/.*\//, "", g)
-      printf "%s,%s,%d,%s\n", g, saw == "" ? "" : sprintf("%.3f", saw), refused,
-        back == "" ? "" : sprintf("%.3f", back) > per_gateway
+      printf "%s,%s,%d,%s,%s\n", g, saw == "" ? "" : sprintf("%.3f", saw), refused,
+        accepted == "" ? "" : sprintf("%.3f", accepted), back == "" ? "" : sprintf("%.3f", back) > per_gateway
     }
   }
   if (n_refused == 0) {
@@ -213,6 +223,8 @@ END {
   if (n_back) printf "status 3 again after the recovery: %s; %d of %d back\n",
     spread(back_after, n_back, "s"), n_back, n_out
   else printf "status 3 again after the recovery: none of %d back\n", n_out
+  if (n_accepted) printf "  the retry's start accepted after the recovery: %s\n", spread(accepted_after, n_accepted, "s")
+  if (n_setup) printf "  from the accepted start to status 3 (link set up): %s\n", spread(setup, n_setup, "s")
 
   # One row per second from the first record on: what happened in it, and
   # the state at its end.
