@@ -129,15 +129,16 @@ tell() {
   done
 }
 
-# snapshot: per gateway "CPU ms of all its processes, of wdsd, Pss kB of
-# all its processes, of wdsd", from the process tree under each runner:
-# every thread's run time, and the time of the children each has reaped.
+# snapshot [memory]: per gateway "CPU ms of all its processes, of wdsd,
+# Pss kB of all its processes, of wdsd" (0 without "memory"), from the
+# process tree under each runner: every thread's run time, and the time of
+# the children each has reaped.
 snapshot() {
   {
     for i in "${!RUNNERS[@]}"; do echo "runner ${RUNNERS[i]} $i"; done
     ps -e -o pid=,ppid= | sed 's/^/process /'
     grep -H "" /proc/[0-9]*/task/*/schedstat 2>/dev/null | sed 's/^/thread /'
-  } | awk -v ticks="$(getconf CLK_TCK)" '
+  } | awk -v ticks="$(getconf CLK_TCK)" -v memory="${1:-}" '
     $1 == "runner" { gw[$2] = $3; next }
     $1 == "process" { parent[$2] = $3; list[++n] = $2; next }
     $1 == "thread" { split($2, path, "/"); sub(/.*:/, "", $2); run_ns[path[3]] += $2; next }
@@ -156,8 +157,10 @@ snapshot() {
         split(line, f, " ")
         ms = run_ns[p] / 1e6 + (f[14] + f[15]) * 1000 / ticks
         pss = 0
-        while ((getline line < ("/proc/" p "/smaps_rollup")) > 0) if (line ~ /^Pss:/) { split(line, m, " "); pss = m[2] }
-        close("/proc/" p "/smaps_rollup")
+        if (memory != "") {
+          while ((getline line < ("/proc/" p "/smaps_rollup")) > 0) if (line ~ /^Pss:/) { split(line, m, " "); pss = m[2] }
+          close("/proc/" p "/smaps_rollup")
+        }
         cpu[g] += ms
         mem[g] += pss
         if (comm == "wdsd") { dcpu[g] += ms; dmem[g] += pss }
@@ -206,7 +209,7 @@ wait_status3 $((remaining_s > 0 ? remaining_s : 1)) ||
 T_CONNECTED=$(now_ms)
 LOAD_CONNECTED=$(load_now)
 read -r MEM_CONNECTED SLAB_CONNECTED < <(memory_kb)
-snapshot >"$WORK/connected.snap"
+snapshot memory >"$WORK/connected.snap"
 say "all $N connected $(((T_CONNECTED - T_LAUNCH) / 1000)) s after the first start; load: $LOAD_CONNECTED"
 # One poll period of the fleet in its steady state, for the plot.
 pause 12
@@ -217,19 +220,20 @@ say "outage: every simulator drops its call and refuses every start for $OUTAGE_
 tell on start fail=$REFUSAL
 T_DROP=$(now_ms)
 tell drop reason=$DROP_REASON
-T_SNAPSHOT=$(now_ms)
-snapshot >"$WORK/begin.snap"
-read -r BUSY0 TOTAL0 < <(cpu_busy)
+# CPU is counted over the middle half of the outage, when the daemons
+# retry; the snapshots' own time is taken from the quarters around it.
+pause_until $((T_DROP + OUTAGE_S * 250))
 T_BEGIN=$(now_ms)
+read -r BUSY0 TOTAL0 < <(cpu_busy)
+snapshot >"$WORK/begin.snap"
 pause_until $((T_DROP + OUTAGE_S * 500))
 LOAD_OUTAGE=$(load_now)
 say "half-way through; load: $LOAD_OUTAGE"
-# The closing snapshot takes as long as the opening one: the simulators
-# hear of the recovery OUTAGE_S after they heard of the drop.
-pause_until $((T_DROP + OUTAGE_S * 1000 - (T_BEGIN - T_SNAPSHOT)))
+pause_until $((T_DROP + OUTAGE_S * 750))
 T_END=$(now_ms)
 read -r BUSY1 TOTAL1 < <(cpu_busy)
 snapshot >"$WORK/end.snap"
+pause_until $((T_DROP + OUTAGE_S * 1000))
 say "recovery: every simulator accepts starts again"
 tell on start clear
 T_RECOVERY=$(now_ms)
@@ -259,7 +263,7 @@ awk -v csv="$OUT/outage.csv" -v per_gateway="$OUT/gateways.csv" -v plotvars="$WO
   awk -v c="$(per_gateway_mean "$WORK/end.snap" 2 "$WORK/begin.snap")" \
     -v d="$(per_gateway_mean "$WORK/end.snap" 3 "$WORK/begin.snap")" -v s="$(((T_END - T_BEGIN) / 1000)).$(printf %03d $(((T_END - T_BEGIN) % 1000)))" -v n="$N" \
     -v b="$((BUSY1 - BUSY0))" -v a="$((TOTAL1 - TOTAL0))" -v cores="$(nproc)" 'BEGIN {
-    printf "CPU during the outage, per sandbox: %.2f ms/s (all its processes; %.1f %% of a core for the fleet), wdsd alone %.2f ms/s\n",
+    printf "CPU in the middle half of the outage, per sandbox: %.2f ms/s (all its processes; %.1f %% of a core for the fleet), wdsd alone %.2f ms/s\n",
       c / s, c * n / 10 / s, d / s
     printf "  host busy %.0f %% of its %d cores meanwhile, the other users of the machine included\n", b * 100 / a, cores
   }'
