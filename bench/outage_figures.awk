@@ -196,8 +196,8 @@ END {
   }
 
   outage_s = secs(sum_outage / n_out)
-  printf "gateways through the outage: %d; the commands reached their simulators within %.2f s\n",
-    n_out, secs(t_begun - t0)
+  printf "gateways through the outage: %d; the drop reached their simulators within %.2f s, the recovery within %.2f s\n",
+    n_out, secs(t_begun - t0), secs(t_ended - t_end)
   if (n_seen) printf "drop seen by the daemon (its stop request), after the drop: %s; %d of %d\n",
     spread(seen_after, n_seen, "s"), n_seen, n_out
   else print "drop seen by the daemon: by none"
@@ -209,7 +209,7 @@ END {
     while (j <= n_refused && refused_t[j] < refused_t[i] + 1000000) j++
     if (j - i > peak) peak = j - i
   }
-  printf "start requests during the outage: %d in %.1f s, %.2f/s mean, peak %d in a 1-s window\n",
+  printf "start requests during the outage: %d in %.1f s (a gateway's outage, mean), %.2f/s mean, peak %d in a 1-s window\n",
     n_refused, outage_s, n_refused / outage_s, peak
   if (all_retrying != "never" && all_retrying < t_end) {
     steady = 0
