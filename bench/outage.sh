@@ -34,8 +34,12 @@ usage() {
 [ $# -le 3 ] || usage
 N=${1:-50}
 OUTAGE_S=${2:-120}
-[[ "$N" =~ ^[0-9]+$ ]] && ((N >= 1 && N <= 1000)) || usage
-[[ "$OUTAGE_S" =~ ^[0-9]+$ ]] && ((OUTAGE_S >= 30 && OUTAGE_S <= 3600)) || usage
+# in_range VALUE MIN MAX: a decimal number within the bounds.
+in_range() { [[ "$1" =~ ^[0-9]{1,5}$ ]] && ((10#$1 >= $2 && 10#$1 <= $3)); }
+in_range "$N" 1 1000 || usage
+in_range "$OUTAGE_S" 30 3600 || usage
+N=$((10#$N))
+OUTAGE_S=$((10#$OUTAGE_S))
 HERE=$(cd "$(dirname "$0")" && pwd)
 BUILD=${WDS_BUILD:-build/default}
 DAEMON=$BUILD/wdsd
