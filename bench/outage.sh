@@ -267,14 +267,14 @@ awk -v csv="$OUT/outage.csv" -v per_gateway="$OUT/gateways.csv" -v plotvars="$WO
   awk -v c="$(per_gateway_mean "$WORK/end.snap" 2 "$WORK/begin.snap")" \
     -v d="$(per_gateway_mean "$WORK/end.snap" 3 "$WORK/begin.snap")" -v s="$(((T_END - T_BEGIN) / 1000)).$(printf %03d $(((T_END - T_BEGIN) % 1000)))" -v n="$N" \
     -v b="$((BUSY1 - BUSY0))" -v a="$((TOTAL1 - TOTAL0))" -v cores="$(nproc)" 'BEGIN {
-    printf "CPU in the middle half of the outage, per sandbox: %.2f ms/s (all its processes; %.1f %% of a core for the fleet), wdsd alone %.2f ms/s\n",
+    printf "CPU in the middle half of the outage, per sandbox: %.2f ms/s (all its processes; %.1f %% of a core for the fleet),\n  wdsd alone %.2f ms/s (the shell commands it runs, through a detached child, count with its sandbox)\n",
       c / s, c * n / 10 / s, d / s
     printf "  host busy %.0f %% of its %d cores meanwhile, the other users of the machine included\n", b * 100 / a, cores
   }'
-  printf 'memory per sandbox, all connected: Pss %.0f kB (wdsd %.0f kB); host MemAvailable fell by %d kB per sandbox,\n' \
+  printf 'memory per sandbox, all connected: Pss %.0f kB (wdsd %.0f kB); host MemAvailable changed by %+d kB per sandbox,\n' \
     "$(per_gateway_mean "$WORK/connected.snap" 4)" "$(per_gateway_mean "$WORK/connected.snap" 5)" \
-    $(((MEM_BEFORE - MEM_CONNECTED) / N))
-  printf '  its unreclaimable kernel slab grew by %d kB per sandbox (both with the other users of the machine)\n' \
+    $(((MEM_CONNECTED - MEM_BEFORE) / N))
+  printf '  its unreclaimable kernel slab by %+d kB per sandbox (both with the other users of the machine)\n' \
     $(((SLAB_CONNECTED - SLAB_BEFORE) / N))
   echo "load average (1, 5, 15 min): before $LOAD_BEFORE; all connected $LOAD_CONNECTED; mid-outage $LOAD_OUTAGE; after $LOAD_AFTER"
 } >"$OUT/outage.txt"
