@@ -2,7 +2,6 @@
 # Static x86_64 build against musl (Debian's musl-dev) with clang 14.
 set(CMAKE_SYSTEM_PROCESSOR x86_64)
 set(WDS_MUSL_TRIPLE x86_64-linux-musl)
-set(WDS_MUSL_ARCH_DIR x86_64-linux-musl)
 set(WDS_GCC_LIB /usr/lib/gcc/x86_64-linux-gnu/12)
 set(WDS_CXX_INCLUDE /usr/include/c++/12 /usr/include/x86_64-linux-gnu/c++/12 /usr/include/c++/12/backward)
 set(WDS_KERNEL_LINUX /usr/include/linux)
