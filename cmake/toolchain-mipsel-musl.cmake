@@ -2,10 +2,10 @@
 # Static build for little-endian 32-bit MIPS boards (the 24Kc and 1004Kc
 # class, MIPS32r2) against musl (Debian's musl-dev:mipsel) with clang 14;
 # libstdc++ and the kernel headers come from the mipsel-linux-gnu cross
-# toolchain. Debian's musl uses the hard-float ABI, so the code does too: a
-# core without an FPU runs it through the kernel's FPU emulator, which the
-# daemon, formatting no floating-point number, never calls on. Programs run
-# through qemu-user.
+# toolchain. Debian's musl is built for the hard-float ABI, so the code is
+# too, and musl's sigsetjmp saves the FPU registers: on a core without an
+# FPU the daemon needs the kernel's FPU emulator (CONFIG_MIPS_FP_SUPPORT).
+# Programs run through qemu-user.
 set(CMAKE_SYSTEM_PROCESSOR mipsel)
 set(WDS_MUSL_TRIPLE mipsel-linux-musl)
 set(WDS_GNU_TRIPLE mipsel-linux-gnu)

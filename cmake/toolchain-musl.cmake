@@ -7,4 +7,7 @@ set(WDS_CXX_INCLUDE /usr/include/c++/12 /usr/include/x86_64-linux-gnu/c++/12 /us
 set(WDS_KERNEL_LINUX /usr/include/linux)
 set(WDS_KERNEL_ASM /usr/include/x86_64-linux-gnu/asm)
 set(WDS_KERNEL_ASM_GENERIC /usr/include/asm-generic)
+# GNU's strip, for `cmake --install --strip`: CMake would take llvm-strip
+# where it happens to be installed, and sizes would differ between machines.
+set(CMAKE_STRIP /usr/bin/strip)
 include(${CMAKE_CURRENT_LIST_DIR}/musl.cmake)
