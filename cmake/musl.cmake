@@ -7,12 +7,19 @@
 # that runtime; only the test programs link it.
 #
 # The including file sets:
-#   WDS_MUSL_TRIPLE    clang's target, e.g. x86_64-linux-musl
-#   WDS_MUSL_ARCH_DIR  musl-dev's directory name, e.g. x86_64-linux-musl
+#   WDS_MUSL_TRIPLE    clang's target and musl-dev's directory name,
+#                      e.g. arm-linux-musleabihf
+#   WDS_MUSL_CPU_FLAGS (optional) code generation flags
+#   WDS_MUSL_CXX_FLAGS (optional) more flags for C++ only
+# and for a cross build
+#   WDS_GNU_TRIPLE     Debian's GNU cross toolchain (g++-TRIPLE), e.g.
+#                      arm-linux-gnueabihf, whose libstdc++, libgcc, kernel
+#                      headers and strip are used
+#   WDS_QEMU           the qemu-user program that runs the test programs
+# or for a native build the GNU toolchain's directories themselves:
 #   WDS_GCC_LIB        libstdc++.a, libgcc.a and crtbeginT.o
 #   WDS_CXX_INCLUDE    libstdc++'s include directories
 #   WDS_KERNEL_LINUX, WDS_KERNEL_ASM, WDS_KERNEL_ASM_GENERIC
-#   WDS_MUSL_CPU_FLAGS (optional) code generation flags
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_C_COMPILER clang-14)
 set(CMAKE_CXX_COMPILER clang++-14)
@@ -20,8 +27,20 @@ set(CMAKE_C_COMPILER_TARGET ${WDS_MUSL_TRIPLE})
 set(CMAKE_CXX_COMPILER_TARGET ${WDS_MUSL_TRIPLE})
 set(WDS_MUSL ON)
 
-set(musl_include /usr/include/${WDS_MUSL_ARCH_DIR})
-set(musl_lib /usr/lib/${WDS_MUSL_ARCH_DIR})
+if(WDS_GNU_TRIPLE)
+  set(gnu_include /usr/${WDS_GNU_TRIPLE}/include)
+  set(WDS_GCC_LIB /usr/lib/gcc-cross/${WDS_GNU_TRIPLE}/12)
+  set(WDS_CXX_INCLUDE ${gnu_include}/c++/12 ${gnu_include}/c++/12/${WDS_GNU_TRIPLE} ${gnu_include}/c++/12/backward)
+  set(WDS_KERNEL_LINUX ${gnu_include}/linux)
+  set(WDS_KERNEL_ASM ${gnu_include}/asm)
+  set(WDS_KERNEL_ASM_GENERIC ${gnu_include}/asm-generic)
+  # `cmake --install --strip` uses it; the host's strip knows only x86.
+  set(CMAKE_STRIP /usr/bin/${WDS_GNU_TRIPLE}-strip)
+  set(CMAKE_CROSSCOMPILING_EMULATOR ${WDS_QEMU})
+endif()
+
+set(musl_include /usr/include/${WDS_MUSL_TRIPLE})
+set(musl_lib /usr/lib/${WDS_MUSL_TRIPLE})
 
 # The GNU include directories also hold glibc's headers: the kernel's are
 # reached through a directory of their own that holds nothing else.
@@ -40,7 +59,7 @@ foreach(dir IN LISTS WDS_CXX_INCLUDE)
   string(APPEND cxx_include " -isystem ${dir}")
 endforeach()
 set(CMAKE_C_FLAGS_INIT "${WDS_MUSL_CPU_FLAGS} -nostdinc ${c_include}")
-set(CMAKE_CXX_FLAGS_INIT "${WDS_MUSL_CPU_FLAGS} -nostdinc ${cxx_include} ${c_include}")
+set(CMAKE_CXX_FLAGS_INIT "${WDS_MUSL_CPU_FLAGS} ${WDS_MUSL_CXX_FLAGS} -nostdinc ${cxx_include} ${c_include}")
 # Compile-only flags reach the link line too (in <FLAGS>); there they are
 # unused by design.
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wno-unused-command-line-argument -fuse-ld=lld -static -Wl,--gc-sections -L${musl_lib}")

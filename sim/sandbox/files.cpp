@@ -58,6 +58,11 @@ void check(int rc, const std::string& what) {
   if (rc != 0) throw std::runtime_error(what + ": " + strerror(errno));
 }
 
+int check_fd(int fd, const std::string& what) {
+  check(fd < 0 ? -1 : 0, what);
+  return fd;
+}
+
 int open_program(const std::string& path) {
   int fd = open(path.c_str(), O_PATH | O_CLOEXEC);
   if (fd < 0) throw std::runtime_error("open " + path + ": " + strerror(errno));

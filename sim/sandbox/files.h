@@ -18,6 +18,8 @@ void append_record(const std::string& path, const std::string& text);
 void make_dir(const std::string& path, mode_t mode = 0755);
 // Throws with `what` and errno's text unless rc is 0.
 void check(int rc, const std::string& what);
+// The same for a call that returns a descriptor, which it passes on.
+int check_fd(int fd, const std::string& what);
 // A program to run later, whatever gets mounted over its directory.
 int open_program(const std::string& path);
 

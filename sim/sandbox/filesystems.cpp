@@ -15,18 +15,21 @@
 
 #include "sim/sandbox/files.h"
 #include "sim/sandbox/layout.h"
+#include "sim/sandbox/root.h"
 
 namespace sandbox {
 
 namespace {
 
-void prepare_run(int exchange_fd) {
-  // /run first: the exchange directory is reached through a descriptor
-  // opened before anything was covered.
+void prepare_run(const Options& o) {
+  // The exchange directory is taken before /run is covered: it may lie
+  // below it.
+  int exchange = check_fd(open_tree(AT_FDCWD, o.dir.c_str(), OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_RECURSIVE),
+                          "take the exchange directory");
   check(mount("tmpfs", "/run", "tmpfs", MS_NOSUID | MS_NODEV, "mode=0755"), "mount /run");
   make_dir(kExchange);
-  std::string src = "/proc/self/fd/" + std::to_string(exchange_fd);
-  check(mount(src.c_str(), kExchange, nullptr, MS_BIND | MS_REC, nullptr), "bind exchange directory");
+  check(move_mount(exchange, "", AT_FDCWD, kExchange, MOVE_MOUNT_F_EMPTY_PATH), "mount the exchange directory");
+  close(exchange);
 }
 
 // Only what the daemon, ifconfig, route and the simulator need.
@@ -107,8 +110,9 @@ void install_stub_tools() {
 
 }  // namespace
 
-void prepare_filesystems(const Options& o, int exchange_fd) {
-  prepare_run(exchange_fd);
+void prepare_filesystems(const Options& o) {
+  make_own_root();
+  prepare_run(o);
   prepare_dev();
   prepare_proc(o);
   // sysfs of this network namespace: lo and the modem's interface only.

@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: ISC
 // wds-sandbox: runs the unchanged daemon without hardware. Makes new mount,
-// network, pid, uts and ipc namespaces; its child, PID 1 inside, prepares
-// private /run, /dev, /proc, /sys and /var, starts the modem simulator and
-// then the daemon, reaps every process, records the daemon's exit status and
-// stands in for the gateway's platform around the daemon: the bus peer
-// "cms" and the hotplug handler. Everything lives and dies with PID 1.
+// network, pid, uts and ipc namespaces; its child, PID 1 inside, makes the
+// directory it was started in the root of its mount namespace (root.h),
+// prepares private /run, /dev, /proc, /sys and /var, starts the modem
+// simulator and then the daemon, reaps every process, records the daemon's
+// exit status and stands in for the gateway's platform around the daemon:
+// the bus peer "cms" and the hotplug handler. Everything lives and dies with
+// PID 1.
 //
 // The exchange directory (--dir, a host directory) appears inside as
 // /run/sandbox and holds:
@@ -28,7 +30,6 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
-#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -62,13 +63,8 @@ void forward_to_init(int) {
     fprintf(stderr, "wds-sandbox: unshare: %s\n", strerror(errno));
     _exit(1);
   }
-  // Nothing mounted from here on may reach the host.
-  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-    fprintf(stderr, "wds-sandbox: cannot make / private: %s\n", strerror(errno));
-    _exit(1);
-  }
-  // Opened in the new mount namespace: a bind mount cannot take its source
-  // from another namespace.
+  // Where PID 1 reports why it could not start, whatever it has mounted by
+  // then.
   int exchange_fd = open(o.dir.c_str(), O_DIRECTORY | O_CLOEXEC);
   if (exchange_fd < 0) _exit(1);
   _exit(sandbox::run_pid1(o, exchange_fd));

@@ -99,7 +99,7 @@ int run_pid1(const Options& o, int exchange_fd) {
   std::unique_ptr<InitCommands> commands;
   try {
     children = std::make_unique<Children>(o);
-    prepare_filesystems(o, exchange_fd);
+    prepare_filesystems(o);
     prepare_network();
     cms = std::make_unique<CmsPeer>(o.cms_route);
     syslog = std::make_unique<SyslogPeer>();

@@ -102,6 +102,10 @@ struct SandboxOptions {
   // The platform's hotplug handler, which sends signal 38 when the modem
   // re-appears; off shows the bare daemon.
   bool hotplug = true;
+  // A command the sandbox is started through, with a trailing blank; it is
+  // handed the sandbox's command line and must exec it (one that chroots
+  // first, say).
+  std::string launcher{};
 };
 
 // A record of the simulator's device log: bytes the daemon wrote (rx) or
@@ -138,7 +142,7 @@ class Sandbox {
     if (!mkdtemp(tmpl) || access(daemon_.c_str(), X_OK) != 0) throw std::runtime_error("no directory or no " + daemon_);
     dir_ = tmpl;
     // Its options as shell words: no single quote in any of them.
-    std::string command = std::string(WDS_E2E_SANDBOX_PATH) + " --dir " + dir_ + " --daemon " + daemon_;
+    std::string command = opts_.launcher + WDS_E2E_SANDBOX_PATH + " --dir " + dir_ + " --daemon " + daemon_;
     auto option = [&](const std::string& name, const std::string& value) { command += " " + name + " '" + value + "'"; };
     if (!opts_.start_daemon) command += " --no-start";  // the daemon may come with start_daemon()
     if (opts_.chip) option("--chip", sim::escape(*opts_.chip));

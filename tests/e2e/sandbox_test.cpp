@@ -1,10 +1,14 @@
 // SPDX-License-Identifier: ISC
-// The sandbox leaves nothing on the host and writes nothing to the host's
-// /var, /dev or /proc; and the installed daemon as a process in it: how it
-// starts, or refuses to, and how it ends.
+// The sandbox leaves nothing on the host, writes nothing to the host's /var,
+// /dev or /proc, and is all that a command joining it sees; and the
+// installed daemon as a process in it: how it starts, or refuses to, and how
+// it ends.
 #include <net/if.h>
 #include <signal.h>
 #include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
 
 #include "tests/e2e/harness.h"
 
@@ -45,6 +49,62 @@ TEST(Sandbox, KillingTheSandboxWithALiveCallLeavesNothingOnTheHost) {
   EXPECT_EQ(if_nametoindex("rmnet0"), 0u);
   EXPECT_EQ(host_snapshot(), before);
   EXPECT_EQ(slurp("/proc/self/mountinfo").value_or(""), mounts_before);
+}
+
+// ROOT KIND COMMAND...: lays out ROOT, in the private mount namespace it
+// runs in, with the host's programs and libraries, the sandbox's and the
+// daemon's folders (all read-only) and the exchange directory, then runs the
+// sandbox's command line chrooted into ROOT. KIND "mount" makes ROOT a mount
+// point first, "plain" leaves it a directory.
+constexpr char kEnterChroot[] = R"sh(set -eu
+root=$1
+[ "$2" = plain ] || mount --bind "$root" "$root"
+shift 2
+dir= daemon= prev=
+for a; do
+  case $prev in --dir) dir=$a ;; --daemon) daemon=$a ;; esac
+  prev=$a
+done
+for d in bin sbin lib lib32 lib64 libx32; do
+  if [ -L /$d ]; then ln -s "$(readlink /$d)" "$root/$d"
+  elif [ -d /$d ]; then mkdir "$root/$d"; mount -o bind,ro /$d "$root/$d"; fi
+done
+for d in /usr /etc "$(dirname "$1")" "$(dirname "$daemon")"; do
+  mkdir -p "$root$d"
+  mount -o bind,ro "$d" "$root$d"
+done
+mkdir -p "$root$dir" "$root/proc" "$root/dev" "$root/sys" "$root/run" "$root/var" "$root/tmp"
+mount --bind "$dir" "$root$dir"
+mount -t proc proc "$root/proc"
+exec chroot "$root" "$@"
+)sh";
+
+TEST(Sandbox, ACommandThatJoinsItSeesOnlyItsFilesAlsoWhenItWasStartedInAChroot) {
+  // Claim: started in a chroot, whether its root is a mount point or a plain
+  // directory, the sandbox is still the whole world of a command that joins
+  // its namespaces (nsenter, as every test does): the command finds the
+  // sandbox's files and cannot write a file of the machine around the
+  // chroot, here one in the test's own directory.
+  for (const char* kind : {"mount", "plain"}) {
+    SCOPED_TRACE(kind);
+    char tmpl[] = "/tmp/wds-e2e-chroot.XXXXXX";
+    ASSERT_TRUE(mkdtemp(tmpl));
+    const std::string outside = tmpl, probe = outside + "/probe";
+    ASSERT_EQ(mkdir((outside + "/root").c_str(), 0755), 0);
+    ASSERT_TRUE(std::ofstream(outside + "/enter-chroot.sh") << kEnterChroot);
+    const std::string mounts_before = slurp("/proc/self/mountinfo").value_or("");
+    {
+      Sandbox sb({.launcher = "unshare -m --propagation private sh " + outside + "/enter-chroot.sh " + outside + "/root " +
+                              kind + " "});
+      sb.start();
+      ASSERT_TRUE(sb.wait_state("status", "0\n", kBringUpLimit)) << sb.log();
+      EXPECT_EQ(sb.run("cat /run/sandbox/ready /var/wan/rmnet0/status; { echo x > " + probe + "; } 2>/dev/null || echo refused"),
+                "ok\n0\nrefused\n");
+      EXPECT_FALSE(std::filesystem::exists(probe));
+    }
+    EXPECT_EQ(slurp("/proc/self/mountinfo").value_or(""), mounts_before);
+    shell("rm -rf --one-file-system " + outside);
+  }
 }
 
 TEST(DaemonProcess, LogThatCannotBeOpenedEnds255AndSigtermEndsZeroAfterTheCallIsStopped) {
