@@ -51,7 +51,7 @@ extern int g_link_lost;
 extern int g_idle_timeout;
 extern int g_idle_started;
 extern uint32_t g_idle_last_tx;
-extern uint32_t g_idle_secs;
+extern uint32_t g_idle_secs;   // the idle count: 9 per idle event, not seconds
 extern volatile sig_atomic_t g_manual_connect;
 extern volatile sig_atomic_t g_connected_mark;
 // Signal 37 while connected: the handler only raises this; the main loop logs.

@@ -99,24 +99,22 @@ std::function<int()> operation(const std::string& text) {
   return ops.at(name);
 }
 
-// values before | operation | the modem's script | values after | all it wrote | the log's records
-TEST(At, Operations) {
-  for (const std::string file : {"at/operations.vec", "at/ndis.vec"}) {
-    for (const Vector& v : vectors(file)) {
-      SCOPED_TRACE(v.where);
-      fresh(v[0]);
-      Modem modem(&g_at_fd, at_tick);
-      if (v[2] == "closed") modem.close_daemon_end();
-      g_ret = modem.run(operation(v[1]), Modem::script(v[2] == "closed" ? "" : v[2], unescape));
-      g_unread = modem.unread();
-      check_vars(kVars, v[3]);
-      std::string written;
-      for (const std::string& w : modem.written) written += w;
-      EXPECT_EQ(written, v[4] == "-" ? "" : unescape(v[4]));
-      EXPECT_EQ(log_texts(), v.from(5));
-    }
-  }
+// An operation against the scripted modem; "closed" closes the daemon's end first.
+void run_operation(const Row& row) {
+  fresh(row["before"]);
+  Modem modem(&g_at_fd, at_tick);
+  const bool closed = row["script"] == "closed";
+  if (closed) modem.close_daemon_end();
+  g_ret = modem.run(operation(row["operation"]), Modem::script(closed ? "" : row["script"], unescape));
+  g_unread = modem.unread();
+  check_vars(kVars, row["after"]);
+  std::string written;
+  for (const std::string& w : modem.written) written += w;
+  EXPECT_EQ(written, unescape(row["written"]));
+  EXPECT_EQ(log_texts(), row.from("log"));
 }
+VECTOR_TESTS("At", "at/operations.vec", run_operation);
+VECTOR_TESTS("At", "at/ndis.vec", run_operation);
 
 // Reads of at most 500 bytes: a read takes 511 at most.
 std::vector<Strings> splits(const std::string& bytes, const std::string& how) {
@@ -132,21 +130,19 @@ std::vector<Strings> splits(const std::string& bytes, const std::string& how) {
   return out;
 }
 
-// prefix | the modem's output | values after | response | how the reads split the output
-TEST(At, RepliesHoweverTheReadsSplitThem) {
-  for (const Vector& v : vectors("at/replies.vec")) {
-    for (const Strings& reads : splits(unescape(v[1]), v[4])) {
-      SCOPED_TRACE(v.where + ", reads: " + testing::PrintToString(reads));
-      fresh(v[0] == "-" ? "" : "prefix=" + v[0]);
-      Modem modem(&g_at_fd, at_tick);
-      modem.run([] { return send("AT"); }, {reads});
-      check_vars(kVars, v[2] + " line=");
-      EXPECT_EQ(g_response, v[3] == "-" ? "" : unescape(v[3]));
-      EXPECT_EQ(at_rx_ring.rpos, at_rx_ring.wpos);
-      EXPECT_EQ(modem.written, Strings{"AT\r"});
-    }
+// "AT" answered by the output, however the reads split it.
+VECTOR_TESTS("At", "at/replies.vec", [](const Row& row) {
+  for (const Strings& reads : splits(unescape(row["output"]), row["reads"])) {
+    SCOPED_TRACE("reads: " + testing::PrintToString(reads));
+    fresh(row["prefix"].empty() ? "" : "prefix=" + row["prefix"]);
+    Modem modem(&g_at_fd, at_tick);
+    modem.run([] { return send("AT"); }, {reads});
+    check_vars(kVars, row["after"] + " line=");
+    EXPECT_EQ(g_response, unescape(row["response"]));
+    EXPECT_EQ(at_rx_ring.rpos, at_rx_ring.wpos);
+    EXPECT_EQ(modem.written, Strings{"AT\r"});
   }
-}
+});
 
 // What is left in the ring after a final result answers the next command,
 // also on a port opened anew; a partial line waits in the accumulator.

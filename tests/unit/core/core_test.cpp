@@ -15,7 +15,7 @@
 
 namespace {
 
-int g_ret, g_seconds, g_leaked;
+int g_ret, g_seconds;
 
 const Vars kVars = {
     NUM_VAR("ret", g_ret), NUM_VAR("seconds", g_seconds), NUM_VAR("connected", g_connected), NUM_VAR("ndis", g_ndis_mode),
@@ -24,7 +24,7 @@ const Vars kVars = {
     TEXT_VAR("profilepath", g_acProfilepath), TEXT_VAR("dialnumber", wan_profile.dialnumber),
     TEXT_VAR("user", wan_profile.username), TEXT_VAR("pass", wan_profile.password), TEXT_VAR("apn", wan_profile.apn),
     TEXT_VAR("setip", wan_profile.ip), NUM_VAR("auth", wan_profile.auth), TEXT_VAR("dial_mode", wan_profile.dial_mode),
-    NUM_VAR("idletime", wan_profile.idletime), NUM_VAR("mru", wan_profile.mru), NUM_VAR("leaked", g_leaked),
+    NUM_VAR("idletime", wan_profile.idletime), NUM_VAR("mru", wan_profile.mru),
     ADDR_VAR("ip", link_settings.ipv4_addr), ADDR_VAR("dns2", link_settings.secondary_dns),
     Var{"ifname", [] { return std::string(g_acIfname); }, [](const std::string& v) {
           memset(g_acIfname, 'x', sizeof g_acIfname);  // nothing behind the terminator may leak
@@ -44,7 +44,7 @@ const Vars kModuleVars = {
     NUM_VAR("demand_last", g_demand_last_tx), NUM_VAR("tx", g_tx_id), NUM_VAR("result", g_qmi_result),
     NUM_VAR("error", g_qmi_error), NUM_VAR("tty", qmitty_fd), NUM_VAR("wait_ticks", g_wait_ticks),
     NUM_VAR("rsp", g_connection_status_rsp), NUM_VAR("at_ticks", g_at_ticks), NUM_VAR("seq", g_at_seq),
-    NUM_VAR("wait_state", g_at_wait_state), NUM_VAR("pending_cr", g_at_pending_cr), NUM_VAR("port", g_at_fd),
+    NUM_VAR("wait_state", g_at_wait_state), NUM_VAR("pending_cr", g_at_cr), NUM_VAR("port", g_at_fd),
     NUM_VAR("set_up", at_rx_ring.set_up), NUM_VAR("log", log_fd), NUM_VAR("log_bytes", log_bytes),
 };
 const std::string kStartValues = all_vars(kVars) + all_vars(kModuleVars);  // taken before main
@@ -81,44 +81,42 @@ int open_fds() {
   return n;
 }
 
-// values before | operation | the modem's script (QMI in hex, AT as text) |
-// values after | what the daemon wrote (QMI: the messages' identifiers) | records logged, in this order
-void run_rows(const std::string& file) {
-  for (const Vector& v : vectors(file)) {
-      SCOPED_TRACE(v.where);
-      fresh(v[0]);
-      ASSERT_GE(log_open(), 0);
-      const std::string name = v[1].substr(0, v[1].find(' '));
-      const std::string arg = name.size() < v[1].size() ? unescape(v[1].substr(name.size() + 1)) : "";
-      const std::string wan = std::string("/var/wan/") + g_acIfname + "/";
-      const std::map<std::string, std::function<int()>> ops = {
-          {"dial", [&] { write_file(wan + "dial", arg); return wds_dial_read(); }},
-          {"profile", [&] { write_file(wan + "config", arg); return get_curr_profile(); }},
-          {"no_profile", get_curr_profile},  {"take", [] { wds_dial_take_request(); return 0; }},
-          {"status", [&] { return wds_status_write(std::stoi(arg)); }},
-          {"write", [&] { return WriteToFile(arg.c_str(), ""); }},      {"dial_read", wds_dial_read},
-          {"pid_create", wds_pid_file_create}, {"pid_remove", [] { wds_pid_file_remove(); return 0; }},
-          {"connect", wds_connect},          {"disconnect", wds_disconnect}};
-      Modem modem(g_ndis_mode ? &g_at_fd : &qmitty_fd, tick);
-      const auto start = std::chrono::steady_clock::now();
-      const int fds = open_fds();
-      g_ret = modem.run(ops.at(name), Modem::script(v[2], g_ndis_mode ? unescape : hex));
-      g_leaked = open_fds() - fds;
-      g_seconds = static_cast<int>((std::chrono::steady_clock::now() - start) / std::chrono::seconds(1));
-      check_vars(kVars, v[3]);
-      std::string written;
-      for (const std::string& w : g_ndis_mode ? Strings{} : modem.written) {
-        char id[12];
-        snprintf(id, sizeof id, "%s%02X%02X", written.empty() ? "" : " / ", uint8_t(w[3]), uint8_t(w.at(4)));
-        written += id;
-      }
-      for (const std::string& w : g_ndis_mode ? modem.written : Strings{}) written += w;
-      EXPECT_EQ(written, v[4] == "-" ? "" : g_ndis_mode ? unescape(v[4]) : v[4]);
-      expect_logged(v.from(5));
+// The operation against the scripted modem, QMI in hex or AT as text; what
+// the daemon wrote, QMI as the messages' identifiers. No operation leaves a
+// descriptor open.
+void run_row(const Row& row) {
+  fresh(row["before"]);
+  ASSERT_GE(log_open(), 0);
+  const std::string op = row["operation"];
+  const std::string name = op.substr(0, op.find(' '));
+  const std::string arg = name.size() < op.size() ? unescape(op.substr(name.size() + 1)) : "";
+  const std::string wan = std::string("/var/wan/") + g_acIfname + "/";
+  const std::map<std::string, std::function<int()>> ops = {
+      {"dial", [&] { write_file(wan + "dial", arg); return wds_dial_read(); }},
+      {"profile", [&] { write_file(wan + "config", arg); return get_curr_profile(); }},
+      {"no_profile", get_curr_profile},  {"take", [] { wds_dial_take_request(); return 0; }},
+      {"status", [&] { return wds_status_write(std::stoi(arg)); }},
+      {"write", [&] { return WriteToFile(arg.c_str(), ""); }},      {"dial_read", wds_dial_read},
+      {"pid_create", wds_pid_file_create}, {"pid_remove", [] { wds_pid_file_remove(); return 0; }},
+      {"connect", wds_connect},          {"disconnect", wds_disconnect}};
+  Modem modem(g_ndis_mode ? &g_at_fd : &qmitty_fd, tick);
+  const auto start = std::chrono::steady_clock::now();
+  const int fds = open_fds();
+  g_ret = modem.run(ops.at(name), Modem::script(row["script"], g_ndis_mode ? unescape : hex));
+  EXPECT_EQ(open_fds(), fds) << "descriptors left open";
+  g_seconds = static_cast<int>((std::chrono::steady_clock::now() - start) / std::chrono::seconds(1));
+  check_vars(kVars, row["after"]);
+  std::string written;
+  for (const std::string& w : g_ndis_mode ? Strings{} : modem.written) {
+    char id[12];
+    snprintf(id, sizeof id, "%s%02X%02X", written.empty() ? "" : " / ", uint8_t(w[3]), uint8_t(w.at(4)));
+    written += id;
   }
+  for (const std::string& w : g_ndis_mode ? modem.written : Strings{}) written += w;
+  EXPECT_EQ(written, g_ndis_mode ? unescape(row["written"]) : row["written"]);
+  expect_logged(row.from("log"));
 }
-
-TEST(Core, ControlFilesAndProfile) { run_rows("core/files.vec"); }
-TEST(Core, Calls) { run_rows("core/calls.vec"); }
+VECTOR_TESTS("Core", "core/files.vec", run_row);
+VECTOR_TESTS("Core", "core/calls.vec", run_row);
 
 }  // namespace

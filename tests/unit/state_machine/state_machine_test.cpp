@@ -73,7 +73,8 @@ const Vars kVars = {
     Var{"events", [] {  // the pending events in order; set: each posted
           std::string out;
           for (uint32_t at = qmi_event_queue.head; at != qmi_event_queue.tail; at = (at + 1) % kEventRingSlots) {
-            out += (out.empty() ? "" : ",") + std::to_string(qmi_event_queue.slot[at]);
+            if (!out.empty()) out += ',';
+            out += std::to_string(qmi_event_queue.slot[at]);
           }
           return out;
         }, [](const std::string& v) { for (auto& c : split(v, ",")) qmi_event_post(std::stoul(c)); }},
@@ -124,19 +125,16 @@ void act(const std::string& action) {
   }
 }
 
-// values before | actions ("; " apart) | values after | the fakes' calls | the log's records
-TEST(StateMachine, Steps) {
-  for (const Vector& v : vectors("state_machine/steps.vec")) {
-    SCOPED_TRACE(v.where);
-    fresh(v[0]);
-    const auto start = std::chrono::steady_clock::now();
-    for (const std::string& action : split(v[1], "; ")) act(action);
-    g_seconds = static_cast<int>((std::chrono::steady_clock::now() - start) / std::chrono::seconds(1));
-    check_vars(kVars, v[2]);
-    EXPECT_EQ(fake.calls, v[3] == "-" ? "" : v[3] + " ");
-    EXPECT_EQ(log_texts(), v.from(4));
-  }
-}
+// Actions "; " apart, then the fakes' calls and the log's records.
+VECTOR_TESTS("StateMachine", "state_machine/steps.vec", [](const Row& row) {
+  fresh(row["before"]);
+  const auto start = std::chrono::steady_clock::now();
+  for (const std::string& action : split(row["actions"], "; ")) act(action);
+  g_seconds = static_cast<int>((std::chrono::steady_clock::now() - start) / std::chrono::seconds(1));
+  check_vars(kVars, row["after"]);
+  EXPECT_EQ(fake.calls, row["calls"].empty() ? "" : row["calls"] + " ");
+  EXPECT_EQ(log_texts(), row.from("log"));
+});
 
 // The way out: the call hung up in its mode and torn down, the pid file
 // removed, exit status 0.
