@@ -98,6 +98,11 @@ void wds_cleanup();
 // ---- Bring-up (bring_up.cpp) ------------------------------------------------
 
 int wds_bring_up();
+// Its steps that read the outside: 1 (NDIS mode) when the chip file's first
+// byte is the digit 1, else 0; and whether the interface's driver answers
+// the driver-information request.
+int wds_datacard_is_ndis();
+bool wds_probe_usbnet_driver();
 
 // ---- Control files and profile (control_files.cpp, profile.cpp) --------------
 

@@ -103,6 +103,12 @@ TEST(Qmi, ReadersRefuseNullPointers) {
   uint32_t cursor = 0;
   EXPECT_EQ(get_byte(nullptr, &cursor) + get_word(nullptr, &cursor) + get_double_word(bytes, nullptr), 0u);
   EXPECT_EQ(get_word(bytes, &cursor), 0x0102);
+  const uint8_t words[7] = {0xDE, 0xAD, 0xBE, 0xEF, 0x12, 0x34, 0x56};
+  cursor = 0;
+  EXPECT_EQ(get_double_word(words, &cursor), 0xDEADBEEFu);
+  EXPECT_EQ(get_byte(words, &cursor), 0x12);  // each reader moves the cursor past what it read
+  EXPECT_EQ(get_word(words, &cursor), 0x3456);
+  EXPECT_EQ(cursor, 7u);
   EXPECT_EQ(log_texts(), (Strings{"get_byte: param error. errno", "get_word: param error. errno",
                                   "get_double_word: param error. errno"}));
 }

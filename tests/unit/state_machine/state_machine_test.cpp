@@ -78,6 +78,13 @@ const Vars kVars = {
           }
           return out;
         }, [](const std::string& v) { for (auto& c : split(v, ",")) qmi_event_post(std::stoul(c)); }},
+    Var{"alarm_mask", [] {  // which of HUP, INT, TERM and CHLD the tick's handler holds off
+          struct sigaction now = {};
+          sigaction(SIGALRM, nullptr, &now);
+          std::string out;
+          for (int sig : {SIGHUP, SIGINT, SIGTERM, SIGCHLD}) out += sigismember(&now.sa_mask, sig) ? "1" : "0";
+          return out;
+        }, nullptr},
     Var{"interval", [] { itimerval t; getitimer(ITIMER_REAL, &t); return std::to_string(t.it_interval.tv_sec); }, nullptr},
     NUM_VAR("bring_up", fake.bring_up), NUM_VAR("connect", fake.connect), NUM_VAR("srv", fake.srv),
     NUM_VAR("srv_status", fake.srv_status), NUM_VAR("post_mid", fake.post_mid),

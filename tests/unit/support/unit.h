@@ -23,6 +23,8 @@ std::string read_file(const std::string& path);  // "(none)" when it cannot be r
 void write_file(const std::string& path, const std::string& text);
 // /var/log and /var/wan/<ifname>/ emptied.
 void reset_var(const char* ifname);
+// Descriptors this process holds.
+int open_fds();
 // A peer of the platform's message bus, bound under this name; its socket.
 int bus_peer(const char* name);
 
