@@ -59,10 +59,11 @@ int demand_traffic_check(int reset) {
 namespace {
 
 constexpr const char* kStates[] = {"init", "ready", "connecting", "connected", "disconnected", "idle", "exit"};
-int g_next, g_seconds;
+int g_seconds;
+std::string g_path;  // the states a walk went through, after the one it started from
 
 const Vars kVars = {
-    Var{"next", [] { return std::string(kStates[g_next]); }, nullptr}, NUM_VAR("seconds", g_seconds),
+    Var{"path", [] { return g_path; }, nullptr}, NUM_VAR("seconds", g_seconds),
     NUM_VAR("dial", g_dial),        NUM_VAR("connected", g_connected),   NUM_VAR("lost", g_link_lost),
     NUM_VAR("idle_timeout", g_idle_timeout), NUM_VAR("ndis", g_ndis_mode), NUM_VAR("marked", ndis_ctx.connected),
     NUM_VAR("demand", g_demand_dial), NUM_VAR("reinit", g_reinit_req),  NUM_VAR("tick", g_tick),
@@ -97,6 +98,7 @@ void fresh(const std::string& values) {
   wds_core_reset();
   qmi_event_ring_reset();
   fake = {};
+  g_path.clear();
   fake.srv_status = 2;
   g_connection_status_rsp = 1;
   g_wait_ticks = 0;
@@ -115,21 +117,27 @@ void wake_soon() {
   setitimer(ITIMER_REAL, &once, nullptr);
 }
 
+// "walk STATE N": N steps of the machine from STATE, each state taking the
+// one the step before returned; or one of the actions below.
 void act(const std::string& action) {
-  const std::string name = action.substr(0, action.find(' '));
-  const int n = name.size() < action.size() ? std::stoi(action.substr(name.size() + 1)) : 0;
-  const auto state = std::find(std::begin(kStates), std::end(kStates), name);
-  if (state != std::end(kStates)) {
-    wake_soon();
-    g_next = wds_state_step(static_cast<int>(state - std::begin(kStates)));
-  } else {
-    const std::map<std::string, std::function<void()>> actions = {
-        {"tick", [] { qmi_timer_handle(SIGALRM); }},  {"drain", qmi_event_drain},
-        {"idle_event", qmi_event_demand_idle_handle}, {"print", [=] { wds_state_print(n); }},
-        {"timer_start", [] { wds_timer_start(); }},   {"timer_stop", [] { wds_timer_stop(); }},
-        {"signal", [=] { raise(n); }},                {"notes", wds_report_signal_notes}};
-    actions.at(name)();
+  const Strings words = split(action, " ");
+  const int n = words.size() > 1 ? std::stoi(words.back()) : 0;
+  if (words[0] == "walk") {
+    int state = static_cast<int>(std::find(std::begin(kStates), std::end(kStates), words[1]) - std::begin(kStates));
+    for (int step = 0; step < std::stoi(words[2]); ++step) {
+      wake_soon();
+      state = wds_state_step(state);
+      if (!g_path.empty()) g_path += ',';
+      g_path += kStates[state];
+    }
+    return;
   }
+  const std::map<std::string, std::function<void()>> actions = {
+      {"tick", [] { qmi_timer_handle(SIGALRM); }},  {"drain", qmi_event_drain},
+      {"idle_event", qmi_event_demand_idle_handle}, {"print", [=] { wds_state_print(n); }},
+      {"timer_start", [] { wds_timer_start(); }},   {"timer_stop", [] { wds_timer_stop(); }},
+      {"signal", [=] { raise(n); }},                {"notes", wds_report_signal_notes}};
+  actions.at(words[0])();
 }
 
 // Actions "; " apart, then the fakes' calls and the log's records.
