@@ -88,7 +88,8 @@ std::vector<VectorSuite>& vector_suites() {
   return suites;
 }
 
-// A vector file's rows, continuation lines joined; the columns from its first line.
+// A vector file's rows, each with its continuation lines joined before it is
+// split into fields; the columns from the file's first line.
 std::vector<Row> read_rows(const std::string& file) {
   std::ifstream in(std::string(WDS_TEST_VECTORS) + "/" + file);
   std::vector<Row> rows;
@@ -102,9 +103,10 @@ std::vector<Row> read_rows(const std::string& file) {
     } else if (line.starts_with(" ") && !rows.empty()) {
       rows.back().fields.back() += " " + line.substr(line.find_first_not_of(' '));
     } else if (!line.empty() && line[0] != '#') {
-      rows.push_back({file + ":" + std::to_string(n), columns, split(line, " | ")});
+      rows.push_back({file + ":" + std::to_string(n), columns, {line}});
     }
   }
+  for (Row& row : rows) row.fields = split(row.fields[0], " | ");
   if (columns.empty() || rows.empty()) {
     fprintf(stderr, "%s: no rows, or no \"columns: \" line first\n", file.c_str());
     exit(1);

@@ -33,8 +33,9 @@ int bus_peer(const char* name);
 // "columns: before | operation | after | log...", where a last column marked
 // "..." takes every field from there on. Then one case per line, fields
 // separated by " | ", "-" for a field with nothing in it; lines starting with
-// '#' and blank lines are skipped, and a line that starts with a blank
-// continues the row above (after one blank), so long hex can wrap. Each row
+// '#' and blank lines are skipped, and a line that starts with blanks
+// continues the row above (joined with one blank), so that long hex or a
+// long row can wrap. Each row
 // is a test of its own, Suite.<file's stem>_<line>, that names its file and
 // line when it fails.
 struct Row {
