@@ -27,14 +27,6 @@ constexpr unsigned kDatacardResetPauseMs = 2000;
 constexpr char kIfnameNdis[] = "rmnet_tarvek0";
 constexpr char kIfnameQmi[] = "rmnet0";
 
-int probe_usbnet_with_retries() {
-  for (int attempt = 1; attempt <= kProbeAttempts; ++attempt) {
-    if (wds_probe_usbnet_driver()) return 0;
-    msleep(kRetryPauseMs);
-  }
-  return -1;
-}
-
 // The datacard's own AT tool restarts it; its outcome shows in the next bring-up.
 void reset_datacard() {
   ZUN_UTIL_ExecCmdNoHang("atcmd cfun set 4");
@@ -72,12 +64,20 @@ int query_client_id_with_retries() {
   return -1;
 }
 
-int open_qmi_channel() {
+}  // namespace
+
+int wds_probe_usbnet_with_retries() {
+  for (int attempt = 1; attempt <= kProbeAttempts; ++attempt) {
+    if (wds_probe_usbnet_driver()) return 0;
+    msleep(kRetryPauseMs);
+  }
+  return -1;
+}
+
+int wds_open_qmi_channel() {
   if (open_qmitty_with_retries() != 0) return -1;
   return query_client_id_with_retries();
 }
-
-}  // namespace
 
 int wds_datacard_is_ndis() {
   FILE* chip = fopen(wds_paths::kDatacardChip, "r");
@@ -128,11 +128,11 @@ int wds_bring_up() {
   wan_profile = {};
   qmi_event_ring_reset();
 
-  if (probe_usbnet_with_retries() != 0) return -1;
+  if (wds_probe_usbnet_with_retries() != 0) return -1;
 
   if (g_ndis_mode) {
     if (wait_wm_ready() == -1) return -1;
-  } else if (open_qmi_channel() != 0) {
+  } else if (wds_open_qmi_channel() != 0) {
     return -1;
   }
 

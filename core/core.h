@@ -98,11 +98,14 @@ void wds_cleanup();
 // ---- Bring-up (bring_up.cpp) ------------------------------------------------
 
 int wds_bring_up();
-// Its steps that read the outside: 1 (NDIS mode) when the chip file's first
-// byte is the digit 1, else 0; and whether the interface's driver answers
-// the driver-information request.
+// Its steps that meet the outside: 1 (NDIS mode) when the chip file's first
+// byte is the digit 1, else 0; whether the interface's driver answers the
+// driver-information request, once or (0 or -1) within five tries; the QMI
+// tty opened and its client identifier read, each within five tries, 0 or -1.
 int wds_datacard_is_ndis();
 bool wds_probe_usbnet_driver();
+int wds_probe_usbnet_with_retries();
+int wds_open_qmi_channel();
 
 // ---- Control files and profile (control_files.cpp, profile.cpp) --------------
 

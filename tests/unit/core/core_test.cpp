@@ -24,11 +24,27 @@
 #include "tests/unit/support/unit.h"
 
 namespace {
+uint32_t g_slept_ms, g_pauses;  // the pauses asked for, in ms, and their number
+std::string g_commands;        // the command lines run, "; " apart
+}  // namespace
 
-int g_ret, g_seconds;
+extern "C" int __wrap__Z6msleepj(unsigned ms) {
+  if (++g_pauses > 1000) abort();  // a retry loop that never ends
+  g_slept_ms += ms;
+  return 0;
+}
+extern "C" int __real_ZUN_UTIL_ExecCmdNoHang(const char* cmd);
+extern "C" int __wrap_ZUN_UTIL_ExecCmdNoHang(const char* cmd) {
+  g_commands += (g_commands.empty() ? "" : "; ") + std::string(cmd);
+  return __real_ZUN_UTIL_ExecCmdNoHang(cmd);
+}
+
+namespace {
+
+int g_ret;
 
 const Vars kVars = {
-    NUM_VAR("ret", g_ret), NUM_VAR("seconds", g_seconds), NUM_VAR("connected", g_connected), NUM_VAR("ndis", g_ndis_mode),
+    NUM_VAR("ret", g_ret), NUM_VAR("slept", g_slept_ms), Var{"commands", [] { return g_commands; }, nullptr}, NUM_VAR("connected", g_connected), NUM_VAR("ndis", g_ndis_mode),
     NUM_VAR("marked", ndis_ctx.connected), NUM_VAR("status", connection_status), NUM_VAR("reconf", reconfiguration_flag),
     NUM_VAR("handle", conn_handle), NUM_VAR("connect_ticks", g_connect_ticks), TEXT_VAR("pidpath", g_acPidpath),
     TEXT_VAR("profilepath", g_acProfilepath), TEXT_VAR("dialnumber", wan_profile.dialnumber),
@@ -71,6 +87,8 @@ void fresh(const std::string& values) {
   demand_traffic_reset();
   log_reset();
   g_ret = 0;
+  g_slept_ms = g_pauses = 0;
+  g_commands.clear();
   reset_var("rmnet0");
   reset_var("rmnet_tarvek0");
   snprintf(g_acIfname, sizeof g_acIfname, "rmnet0");
@@ -104,6 +122,15 @@ int with_tun(const char* name, int (*call)()) {
   if (fd < 0 || ioctl(fd, TUNSETIFF, &request) != 0) return ADD_FAILURE() << "no tun", -9;
   const int ret = call();
   close(fd);
+  return ret;
+}
+
+// `call` with a /dev of its own, in which /dev/qmitty0 is a plain file or absent.
+int with_dev(bool tty_file, int (*call)()) {
+  if (mount("wds-test-dev", "/dev", "tmpfs", 0, "size=64k") != 0) return ADD_FAILURE() << "no /dev", -9;
+  if (tty_file) write_file("/dev/qmitty0", "");
+  const int ret = call();
+  umount2("/dev", MNT_DETACH);
   return ret;
 }
 
@@ -145,13 +172,13 @@ void run_row(const Row& row) {
       {"chip", [&] { return with_proc(arg.c_str(), wds_datacard_is_ndis); }},
       {"no_chip", [&] { return with_proc(nullptr, wds_datacard_is_ndis); }},
       {"probe", [] { return static_cast<int>(wds_probe_usbnet_driver()); }},
+      {"probe_retries", wds_probe_usbnet_with_retries},
+      {"qmi_channel", [&] { return with_dev(arg == "file", [] { const int ret = wds_open_qmi_channel(); qmi_tty_close(); return ret; }); }},
       {"probe_tun", [] { return with_tun(g_acIfname, [] { return static_cast<int>(wds_probe_usbnet_driver()); }); }}};
   Modem modem(g_ndis_mode ? &g_at_fd : &qmitty_fd, tick);
-  const auto start = std::chrono::steady_clock::now();
   const int fds = open_fds();
   g_ret = modem.run(ops.at(name), Modem::script(row["script"], g_ndis_mode ? unescape : hex));
   EXPECT_LE(open_fds(), fds) << "descriptors left open";
-  g_seconds = static_cast<int>((std::chrono::steady_clock::now() - start) / std::chrono::seconds(1));
   check_vars(kVars, row["after"]);
   std::string written;
   for (const std::string& w : g_ndis_mode ? Strings{} : modem.written) {
