@@ -15,6 +15,7 @@ const std::string kLog = "/var/log/wds.log";
 // The log file before: "" for none.
 void fresh(const std::string& file) {
   log_reset();
+  ASSERT_EQ(log_fd, -1);
   reset_var("rmnet0");
   if (!file.empty()) write_file(kLog, unescape(file));
   ASSERT_GE(log_open(), 0);

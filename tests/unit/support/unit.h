@@ -35,9 +35,10 @@ int bus_peer(const char* name);
 // separated by " | ", "-" for a field with nothing in it; lines starting with
 // '#' and blank lines are skipped, and a line that starts with blanks
 // continues the row above (joined with one blank), so that long hex or a
-// long row can wrap. Each row
-// is a test of its own, Suite.<file's stem>_<line>, that names its file and
-// line when it fails.
+// long row can wrap. Each row is a test of its own, Suite.<file's
+// stem>_<line> (ctest -R 'At.ndis_12$' runs one alone), that names its file
+// and line when it fails. VECTOR_TESTS("Suite", "folder/file.vec", body)
+// in a runner registers a file's rows.
 struct Row {
   std::string where;  // file:line
   Strings columns, fields;
