@@ -159,7 +159,7 @@ void run_row(const Row& row) {
   const std::string op = row["operation"];
   const std::string name = op.substr(0, op.find(' '));
   const std::string arg = name.size() < op.size() ? unescape(op.substr(name.size() + 1)) : "";
-  if (name == "probe_tun" && !tun_answers_drvinfo()) GTEST_SKIP() << "no driver-information request on this machine";
+  if (name.starts_with("probe") && name.ends_with("tun") && !tun_answers_drvinfo()) GTEST_SKIP() << "no driver-information request on this machine";
   const std::string wan = std::string("/var/wan/") + g_acIfname + "/";
   const std::map<std::string, std::function<int()>> ops = {
       {"dial", [&] { write_file(wan + "dial", arg); return wds_dial_read(); }},
@@ -173,6 +173,7 @@ void run_row(const Row& row) {
       {"no_chip", [&] { return with_proc(nullptr, wds_datacard_is_ndis); }},
       {"probe", [] { return static_cast<int>(wds_probe_usbnet_driver()); }},
       {"probe_retries", wds_probe_usbnet_with_retries},
+      {"probe_retries_tun", [] { return with_tun(g_acIfname, wds_probe_usbnet_with_retries); }},
       {"qmi_channel", [&] { return with_dev(arg == "file", [] { const int ret = wds_open_qmi_channel(); qmi_tty_close(); return ret; }); }},
       {"probe_tun", [] { return with_tun(g_acIfname, [] { return static_cast<int>(wds_probe_usbnet_driver()); }); }}};
   Modem modem(g_ndis_mode ? &g_at_fd : &qmitty_fd, tick);
