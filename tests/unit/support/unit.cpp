@@ -101,7 +101,7 @@ std::vector<Row> read_rows(const std::string& file) {
       columns = split(line.substr(9), " | ");
       if (!columns.empty() && columns.back().ends_with("...")) columns.back().resize(columns.back().size() - 3);
     } else if (line.starts_with(" ") && !rows.empty()) {
-      rows.back().fields.back() += " " + line.substr(line.find_first_not_of(' '));
+      rows.back().fields.back().append(1, ' ').append(line, line.find_first_not_of(' '));
     } else if (!line.empty() && line[0] != '#') {
       rows.push_back({file + ":" + std::to_string(n), columns, {line}});
     }
