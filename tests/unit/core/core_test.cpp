@@ -33,6 +33,10 @@ extern "C" int __wrap__Z6msleepj(unsigned ms) {
   g_slept_ms += ms;
   return 0;
 }
+extern "C" unsigned __wrap_sleep(unsigned seconds) {
+  g_slept_ms += seconds * 1000;
+  return 0;
+}
 extern "C" int __real_ZUN_UTIL_ExecCmdNoHang(const char* cmd);
 extern "C" int __wrap_ZUN_UTIL_ExecCmdNoHang(const char* cmd) {
   g_commands += (g_commands.empty() ? "" : "; ") + std::string(cmd);
@@ -41,10 +45,10 @@ extern "C" int __wrap_ZUN_UTIL_ExecCmdNoHang(const char* cmd) {
 
 namespace {
 
-int g_ret;
+int g_ret, g_armed;
 
 const Vars kVars = {
-    NUM_VAR("ret", g_ret), NUM_VAR("slept", g_slept_ms), Var{"commands", [] { return g_commands; }, nullptr}, NUM_VAR("connected", g_connected), NUM_VAR("ndis", g_ndis_mode),
+    NUM_VAR("ret", g_ret), NUM_VAR("slept", g_slept_ms), NUM_VAR("armed", g_armed), Var{"commands", [] { return g_commands; }, nullptr}, NUM_VAR("connected", g_connected), NUM_VAR("ndis", g_ndis_mode),
     NUM_VAR("marked", ndis_ctx.connected), NUM_VAR("status", connection_status), NUM_VAR("reconf", reconfiguration_flag),
     NUM_VAR("handle", conn_handle), NUM_VAR("connect_ticks", g_connect_ticks), TEXT_VAR("pidpath", g_acPidpath),
     TEXT_VAR("profilepath", g_acProfilepath), TEXT_VAR("dialnumber", wan_profile.dialnumber),
@@ -86,7 +90,7 @@ void fresh(const std::string& values) {
   at_response_reset();
   demand_traffic_reset();
   log_reset();
-  g_ret = 0;
+  g_ret = g_armed = 0;
   g_slept_ms = g_pauses = 0;
   g_commands.clear();
   reset_var("rmnet0");
@@ -113,13 +117,22 @@ int with_proc(const char* chip, int (*call)()) {
   return ret;
 }
 
-// `call` while a tun interface of that name exists, in the program's own network namespace.
-int with_tun(const char* name, int (*call)()) {
+// A tun interface of that name in the program's own network namespace, for
+// as long as the descriptor is open; -1 when none can be made.
+int make_tun(const char* name) {
   const int fd = open("/dev/net/tun", O_RDWR | O_CLOEXEC);
   ifreq request = {};
   request.ifr_flags = IFF_TUN | IFF_NO_PI;
   snprintf(request.ifr_name, sizeof request.ifr_name, "%.15s", name);
-  if (fd < 0 || ioctl(fd, TUNSETIFF, &request) != 0) return ADD_FAILURE() << "no tun", -9;
+  if (fd >= 0 && ioctl(fd, TUNSETIFF, &request) == 0) return fd;
+  ADD_FAILURE() << "no tun";
+  if (fd >= 0) close(fd);
+  return -1;
+}
+
+// `call` while a tun interface of that name exists.
+int with_tun(const char* name, int (*call)()) {
+  const int fd = make_tun(name);
   const int ret = call();
   close(fd);
   return ret;
@@ -131,6 +144,33 @@ int with_dev(bool tty_file, int (*call)()) {
   if (tty_file) write_file("/dev/qmitty0", "");
   const int ret = call();
   umount2("/dev", MNT_DETACH);
+  return ret;
+}
+
+// Bring-up with what `how` names: "chip=TEXT" the chip file (none without
+// it), "tun" the mode's interface, "tty" /dev/qmitty0 as a plain file. Its
+// tick is stopped and its channel closed after; g_armed tells whether the
+// tick was running.
+int bring_up(const std::string& how) {
+  const Strings words = split(how, " ");
+  const auto has = [&](const char* word) { return std::find(words.begin(), words.end(), word) != words.end(); };
+  const auto chip = std::find_if(words.begin(), words.end(), [](const std::string& w) { return w.starts_with("chip="); });
+  const std::string chip_text = chip != words.end() ? unescape(chip->substr(5)) : "";
+  const int tun = has("tun") ? make_tun(chip_text.starts_with('1') ? "rmnet_tarvek0" : "rmnet0") : -1;
+  int ret = -9;
+  if (mount("wds-test-proc", "/proc", "tmpfs", 0, "size=64k") == 0 &&
+      mount("wds-test-dev", "/dev", "tmpfs", 0, "size=64k") == 0) {
+    if (chip != words.end()) write_file("/proc/proc_user_datacardchip", chip_text);
+    if (has("tty")) write_file("/dev/qmitty0", "");
+    ret = wds_bring_up();
+  }
+  g_armed = g_timer_armed;
+  wds_timer_stop();
+  at_port_close();
+  qmi_tty_close();
+  umount2("/dev", MNT_DETACH);
+  umount2("/proc", MNT_DETACH);
+  if (tun >= 0) close(tun);
   return ret;
 }
 
@@ -159,7 +199,7 @@ void run_row(const Row& row) {
   const std::string op = row["operation"];
   const std::string name = op.substr(0, op.find(' '));
   const std::string arg = name.size() < op.size() ? unescape(op.substr(name.size() + 1)) : "";
-  if (name.starts_with("probe") && name.ends_with("tun") && !tun_answers_drvinfo()) GTEST_SKIP() << "no driver-information request on this machine";
+  if (op.find("tun") != std::string::npos && !tun_answers_drvinfo()) GTEST_SKIP() << "no driver-information request on this machine";
   const std::string wan = std::string("/var/wan/") + g_acIfname + "/";
   const std::map<std::string, std::function<int()>> ops = {
       {"dial", [&] { write_file(wan + "dial", arg); return wds_dial_read(); }},
@@ -175,6 +215,8 @@ void run_row(const Row& row) {
       {"probe_retries", wds_probe_usbnet_with_retries},
       {"probe_retries_tun", [] { return with_tun(g_acIfname, wds_probe_usbnet_with_retries); }},
       {"qmi_channel", [&] { return with_dev(arg == "file", [] { const int ret = wds_open_qmi_channel(); qmi_tty_close(); return ret; }); }},
+      {"bring_up", [&] { return bring_up(arg); }},
+      {"client_id", [] { return with_dev(true, [] { qmi_tty_open(); const int id = get_wds_client_id(); qmi_tty_close(); return id; }); }},
       {"probe_tun", [] { return with_tun(g_acIfname, [] { return static_cast<int>(wds_probe_usbnet_driver()); }); }}};
   Modem modem(g_ndis_mode ? &g_at_fd : &qmitty_fd, tick);
   const int fds = open_fds();

@@ -64,7 +64,8 @@ TEST(Log, CreatedForRootAlone) {
     ASSERT_EQ(lstat(kLog.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode, S_IFREG | 0600u) << left_by_older_build;
     EXPECT_EQ(fcntl(log_fd, F_GETFD), FD_CLOEXEC);
-    log_close();
+    log_reset();
+    EXPECT_EQ(log_fd, -1);
   }
 }
 

@@ -96,7 +96,8 @@ void run_request(const Row& row) {
 VECTOR_TESTS("Qmi", "qmi/waits.vec", run_request);
 VECTOR_TESTS("Qmi", "qmi/requests.vec", run_request);
 
-// The readers refuse a missing message or cursor: 0, logged.
+// The readers refuse a missing message or cursor: 0, logged; the sender a
+// missing message or a negative length.
 TEST(Qmi, ReadersRefuseNullPointers) {
   fresh("");
   const uint8_t bytes[4] = {1, 2, 3, 4};
@@ -111,6 +112,8 @@ TEST(Qmi, ReadersRefuseNullPointers) {
   EXPECT_EQ(cursor, 7u);
   EXPECT_EQ(log_texts(), (Strings{"get_byte: param error. errno", "get_word: param error. errno",
                                   "get_double_word: param error. errno"}));
+  EXPECT_EQ(send_msg(nullptr, 7), -1);
+  EXPECT_EQ(send_msg(bytes, -1), -1);
 }
 
 // A write a tick interrupts is made again, dumped again.
