@@ -131,7 +131,9 @@ void run_operation(const Row& row) {
   const bool closed = row["script"] == "closed";
   if (closed) modem.close_daemon_end();
   const int fds = open_fds();
+  free_fd0();
   g_ret = modem.run(operation(row["operation"]), Modem::script(closed ? "" : row["script"], unescape));
+  fill_fd0();
   EXPECT_LE(open_fds(), fds) << "descriptors left open";
   g_unread = modem.unread();
   check_vars(kVars, row["after"]);
@@ -206,7 +208,9 @@ TEST(At, WaitWmReadyOpensTheTtyRaw) {
   mkdir("/var/log/ppp_state", 0755);
 
   testing::internal::CaptureStdout();
+  free_fd0();  // the port on descriptor 0
   EXPECT_EQ(wait_wm_ready(), 0);
+  fill_fd0();
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "wait_wm_ready:Ndis tty is opened successfully\n");
   umount2("/dev", MNT_DETACH);
   EXPECT_EQ(read_file("/var/log/ppp_state"), "(none)");

@@ -220,7 +220,9 @@ void run_row(const Row& row) {
       {"probe_tun", [] { return with_tun(g_acIfname, [] { return static_cast<int>(wds_probe_usbnet_driver()); }); }}};
   Modem modem(g_ndis_mode ? &g_at_fd : &qmitty_fd, tick);
   const int fds = open_fds();
+  free_fd0();
   g_ret = modem.run(ops.at(name), Modem::script(row["script"], g_ndis_mode ? unescape : hex));
+  fill_fd0();
   EXPECT_LE(open_fds(), fds) << "descriptors left open";
   check_vars(kVars, row["after"]);
   std::string written;

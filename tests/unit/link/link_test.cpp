@@ -89,11 +89,13 @@ VECTOR_TESTS("Link", "link/link.vec", [](const Row& row) {
 // The counters read into a record of 0xA5 bytes.
 VECTOR_TESTS("Link", "link/netdev.vec", [](const Row& row) {
   write_file("/var/netdev", unescape(row["text"]));
+  free_fd0();
   const int fd = open("/var/netdev", O_RDONLY);
   dev_traffic t;
   memset(&t, 0xA5, sizeof t);
   EXPECT_EQ(read_dev_traffic(fd, row["interface"].c_str(), &t), 0);
   close(fd);
+  fill_fd0();
   char got[200];
   snprintf(got, sizeof got, "rx %u %u %u %u tx %u %u %u %u", t.rx_bytes, t.rx_packets, t.rx_errs, t.rx_drop,
            t.tx_bytes, t.tx_packets, t.tx_errs, t.tx_drop);

@@ -18,7 +18,9 @@ void fresh(const std::string& file) {
   ASSERT_EQ(log_fd, -1);
   reset_var("rmnet0");
   if (!file.empty()) write_file(kLog, unescape(file));
+  free_fd0();  // the log on descriptor 0
   ASSERT_GE(log_open(), 0);
+  fill_fd0();
 }
 
 void act(const std::string& action) {
@@ -58,7 +60,9 @@ TEST(Log, CreatedForRootAlone) {
       write_file(kLog, "old\n");
       chmod(kLog.c_str(), 0644);
     }
+    free_fd0();  // the log on descriptor 0
     ASSERT_GE(log_open(), 0);
+    fill_fd0();
     umask(saved_umask);
     struct stat st = {};
     ASSERT_EQ(lstat(kLog.c_str(), &st), 0);

@@ -42,6 +42,12 @@ void reset_var(const char* ifname) {
   }
 }
 
+void free_fd0() { close(0); }
+
+void fill_fd0() {
+  if (fcntl(0, F_GETFD) < 0) open("/dev/null", O_RDONLY);  // takes the lowest free descriptor, 0
+}
+
 int open_fds() {
   int n = 0;
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) n += entry.exists() ? 1 : 0;

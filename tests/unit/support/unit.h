@@ -25,6 +25,12 @@ void write_file(const std::string& path, const std::string& text);
 void reset_var(const char* ifname);
 // Descriptors this process holds.
 int open_fds();
+// Standard input closed, so that the next file opened is descriptor 0, as
+// it is in a daemon an init system started with its standard input closed:
+// a valid descriptor that no check may take for closed. fill_fd0() puts
+// /dev/null back.
+void free_fd0();
+void fill_fd0();
 // A peer of the platform's message bus, bound under this name; its socket.
 int bus_peer(const char* name);
 
