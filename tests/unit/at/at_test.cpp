@@ -101,7 +101,7 @@ std::function<int()> operation(const std::string& text) {
       {"send", [=] { return send(arg); }},       {"write", [=] { return at_write_command(arg.c_str(), &g_err); }},
       {"read", [] { return at_read_into_ring() + take_all(); }},  {"drain", at_drain_reports},
       {"probe", at_probe_ok},                    {"close", at_port_close},
-      {"cleanup", at_port_cleanup},              {"seq", [] { return static_cast<int>(at_next_seq()); }},
+      {"cleanup", at_port_cleanup},  {"assemble", [] { at_request req = {}; return at_assemble_lines(&req); }},              {"seq", [] { return static_cast<int>(at_next_seq()); }},
       {"dial", [] { return ndis_at_connect(&wan_profile); }},  {"hangup", ndis_at_disconnect},
       {"dup", [=] { return ndis_dup_request(n, &wan_profile, &g_err); }},
       {"add", [=] {

@@ -59,11 +59,11 @@ int demand_traffic_check(int reset) {
 namespace {
 
 constexpr const char* kStates[] = {"init", "ready", "connecting", "connected", "disconnected", "idle", "exit"};
-int g_seconds;
+int g_seconds, g_ret;  // g_ret: what the last action that returns something returned
 std::string g_path;  // the states a walk went through, after the one it started from
 
 const Vars kVars = {
-    Var{"path", [] { return g_path; }, nullptr}, NUM_VAR("seconds", g_seconds),
+    Var{"path", [] { return g_path; }, nullptr}, NUM_VAR("seconds", g_seconds), NUM_VAR("ret", g_ret),
     NUM_VAR("dial", g_dial),        NUM_VAR("connected", g_connected),   NUM_VAR("lost", g_link_lost),
     NUM_VAR("idle_timeout", g_idle_timeout), NUM_VAR("ndis", g_ndis_mode), NUM_VAR("marked", ndis_ctx.connected),
     NUM_VAR("demand", g_demand_dial), NUM_VAR("reinit", g_reinit_req),  NUM_VAR("tick", g_tick),
@@ -99,6 +99,7 @@ void fresh(const std::string& values) {
   qmi_event_ring_reset();
   fake = {};
   g_path.clear();
+  g_ret = -9;
   fake.srv_status = 2;
   g_connection_status_rsp = 1;
   g_wait_ticks = 0;
@@ -134,8 +135,8 @@ void act(const std::string& action) {
   }
   const std::map<std::string, std::function<void()>> actions = {
       {"tick", [] { qmi_timer_handle(SIGALRM); }},  {"drain", qmi_event_drain},
-      {"idle_event", qmi_event_demand_idle_handle}, {"print", [=] { wds_state_print(n); }},
-      {"timer_start", [] { wds_timer_start(); }},   {"timer_stop", [] { wds_timer_stop(); }},
+      {"idle_event", qmi_event_demand_idle_handle}, {"print", [=] { g_ret = wds_state_print(n); }},
+      {"timer_start", [] { g_ret = wds_timer_start(); }},   {"timer_stop", [] { g_ret = wds_timer_stop(); }},
       {"signal", [=] { raise(n); }},                {"notes", wds_report_signal_notes}};
   actions.at(words[0])();
 }
