@@ -107,30 +107,31 @@ TEST(Core, ModulesStartAsTheirResetsLeaveThem) {
 
 void tick() { qmi_timer_handle(SIGALRM); }
 
-
-// `call` with a /proc of its own that holds the chip file (none for nullptr).
-int with_proc(const char* chip, int (*call)()) {
-  if (mount("wds-test-proc", "/proc", "tmpfs", 0, "size=64k") != 0) return ADD_FAILURE() << "no /proc", -9;
-  if (chip != nullptr) write_file("/proc/proc_user_datacardchip", chip);
+// `call` with a /proc and a /dev of their own, holding the files given as
+// "path=content" (the chip file, /dev/qmitty0 as a plain file).
+int with_files(const Strings& files, int (*call)()) {
+  if (mount("wds-test-proc", "/proc", "tmpfs", 0, "size=64k") != 0 ||
+      mount("wds-test-dev", "/dev", "tmpfs", 0, "size=64k") != 0) {
+    return ADD_FAILURE() << "no /proc or /dev of its own", -9;
+  }
+  for (const std::string& f : files) write_file(f.substr(0, f.find('=')), f.substr(f.find('=') + 1));
   const int ret = call();
+  umount2("/dev", MNT_DETACH);
   umount2("/proc", MNT_DETACH);
   return ret;
 }
 
 // A tun interface of that name in the program's own network namespace, for
-// as long as the descriptor is open; -1 when none can be made.
+// as long as the descriptor is open.
 int make_tun(const char* name) {
   const int fd = open("/dev/net/tun", O_RDWR | O_CLOEXEC);
   ifreq request = {};
   request.ifr_flags = IFF_TUN | IFF_NO_PI;
   snprintf(request.ifr_name, sizeof request.ifr_name, "%.15s", name);
-  if (fd >= 0 && ioctl(fd, TUNSETIFF, &request) == 0) return fd;
-  ADD_FAILURE() << "no tun";
-  if (fd >= 0) close(fd);
-  return -1;
+  EXPECT_EQ(ioctl(fd, TUNSETIFF, &request), 0) << "no tun";
+  return fd;
 }
 
-// `call` while a tun interface of that name exists.
 int with_tun(const char* name, int (*call)()) {
   const int fd = make_tun(name);
   const int ret = call();
@@ -138,56 +139,51 @@ int with_tun(const char* name, int (*call)()) {
   return ret;
 }
 
-// `call` with a /dev of its own, in which /dev/qmitty0 is a plain file or absent.
-int with_dev(bool tty_file, int (*call)()) {
-  if (mount("wds-test-dev", "/dev", "tmpfs", 0, "size=64k") != 0) return ADD_FAILURE() << "no /dev", -9;
-  if (tty_file) write_file("/dev/qmitty0", "");
-  const int ret = call();
-  umount2("/dev", MNT_DETACH);
+// Bring-up with what `how` names: "chip=TEXT" the chip file, "tun" the
+// mode's interface, "tty" /dev/qmitty0 as a plain file. Its tick is stopped
+// and its channel closed after; g_armed tells whether the tick was running.
+int bring_up(const std::string& how) {
+  Strings files;
+  bool tun = false, ndis = false;
+  for (const std::string& word : split(how, " ")) {
+    if (word.starts_with("chip=")) files.push_back("/proc/proc_user_datacardchip=" + unescape(word.substr(5)));
+    ndis = ndis || word.starts_with("chip=1");
+    tun = tun || word == "tun";
+    if (word == "tty") files.push_back("/dev/qmitty0=");
+  }
+  const int fd = tun ? make_tun(ndis ? "rmnet_tarvek0" : "rmnet0") : -1;
+  const int ret = with_files(files, [] {
+    const int up = wds_bring_up();
+    g_armed = g_timer_armed;
+    wds_timer_stop();
+    at_port_close();
+    qmi_tty_close();
+    return up;
+  });
+  if (fd >= 0) close(fd);
   return ret;
 }
 
-// Bring-up with what `how` names: "chip=TEXT" the chip file (none without
-// it), "tun" the mode's interface, "tty" /dev/qmitty0 as a plain file. Its
-// tick is stopped and its channel closed after; g_armed tells whether the
-// tick was running.
-int bring_up(const std::string& how) {
-  const Strings words = split(how, " ");
-  const auto has = [&](const char* word) { return std::find(words.begin(), words.end(), word) != words.end(); };
-  const auto chip = std::find_if(words.begin(), words.end(), [](const std::string& w) { return w.starts_with("chip="); });
-  const std::string chip_text = chip != words.end() ? unescape(chip->substr(5)) : "";
-  const int tun = has("tun") ? make_tun(chip_text.starts_with('1') ? "rmnet_tarvek0" : "rmnet0") : -1;
-  int ret = -9;
-  if (mount("wds-test-proc", "/proc", "tmpfs", 0, "size=64k") == 0 &&
-      mount("wds-test-dev", "/dev", "tmpfs", 0, "size=64k") == 0) {
-    if (chip != words.end()) write_file("/proc/proc_user_datacardchip", chip_text);
-    if (has("tty")) write_file("/dev/qmitty0", "");
-    ret = wds_bring_up();
-  }
-  g_armed = g_timer_armed;
-  wds_timer_stop();
-  at_port_close();
+// The QMI channel opened, and closed again.
+int qmi_channel_once() {
+  const int ret = wds_open_qmi_channel();
   qmi_tty_close();
-  umount2("/dev", MNT_DETACH);
-  umount2("/proc", MNT_DETACH);
-  if (tun >= 0) close(tun);
   return ret;
 }
 
 // Whether this machine passes the driver-information request on to a tun
 // device: qemu-user does not.
 bool tun_answers_drvinfo() {
-  return with_tun("wds-drvinfo", [] {
-           ethtool_drvinfo info = {};
-           info.cmd = ETHTOOL_GDRVINFO;
-           ifreq request = {};
-           snprintf(request.ifr_name, sizeof request.ifr_name, "wds-drvinfo");
-           request.ifr_data = reinterpret_cast<char*>(&info);
-           const int sock = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-           const int ret = ioctl(sock, SIOCETHTOOL, &request);
-           close(sock);
-           return ret;
-         }) == 0;
+  const int tun = make_tun("wds-drvinfo"), sock = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  ethtool_drvinfo info = {};
+  info.cmd = ETHTOOL_GDRVINFO;
+  ifreq request = {};
+  snprintf(request.ifr_name, sizeof request.ifr_name, "wds-drvinfo");
+  request.ifr_data = reinterpret_cast<char*>(&info);
+  const bool answered = ioctl(sock, SIOCETHTOOL, &request) == 0;
+  close(sock);
+  close(tun);
+  return answered;
 }
 
 // The operation against the scripted modem, QMI in hex or AT as text; what
@@ -209,21 +205,22 @@ void run_row(const Row& row) {
       {"write", [&] { return WriteToFile(arg.c_str(), ""); }},      {"dial_read", wds_dial_read},
       {"pid_create", wds_pid_file_create}, {"pid_remove", [] { wds_pid_file_remove(); return 0; }},
       {"connect", wds_connect},          {"disconnect", wds_disconnect},
-      {"chip", [&] { return with_proc(arg.c_str(), wds_datacard_is_ndis); }},
-      {"no_chip", [&] { return with_proc(nullptr, wds_datacard_is_ndis); }},
+      {"chip", [&] { return with_files({"/proc/proc_user_datacardchip=" + arg}, wds_datacard_is_ndis); }},
+      {"no_chip", [] { return with_files({}, wds_datacard_is_ndis); }},
       {"probe", [] { return static_cast<int>(wds_probe_usbnet_driver()); }},
       {"probe_retries", wds_probe_usbnet_with_retries},
       {"probe_retries_tun", [] { return with_tun(g_acIfname, wds_probe_usbnet_with_retries); }},
-      {"qmi_channel", [&] { return with_dev(arg == "file", [] { const int ret = wds_open_qmi_channel(); qmi_tty_close(); return ret; }); }},
+      {"qmi_channel", [&] { return with_files(arg == "file" ? Strings{"/dev/qmitty0="} : Strings{}, qmi_channel_once); }},
       {"bring_up", [&] { return bring_up(arg); }},
-      {"client_id", [] { return with_dev(true, [] { qmi_tty_open(); const int id = get_wds_client_id(); qmi_tty_close(); return id; }); }},
+      {"client_id", [] { return with_files({"/dev/qmitty0="}, [] { qmi_tty_open(); const int id = get_wds_client_id(); return qmi_tty_close(), id; }); }},
       {"probe_tun", [] { return with_tun(g_acIfname, [] { return static_cast<int>(wds_probe_usbnet_driver()); }); }}};
   Modem modem(g_ndis_mode ? &g_at_fd : &qmitty_fd, tick);
+  fill_fd0();
   const int fds = open_fds();
   free_fd0();
   g_ret = modem.run(ops.at(name), Modem::script(row["script"], g_ndis_mode ? unescape : hex));
+  EXPECT_LT(open_fds(), fds) << "descriptors left open, 0 among them";
   fill_fd0();
-  EXPECT_LE(open_fds(), fds) << "descriptors left open";
   check_vars(kVars, row["after"]);
   std::string written;
   for (const std::string& w : g_ndis_mode ? Strings{} : modem.written) {
