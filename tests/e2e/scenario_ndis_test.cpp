@@ -118,4 +118,40 @@ TEST(Ndis, QuotedProfileCallPollsDhcpHangsUpAndRedialsPastEchoesReportsAndSplitA
   EXPECT_GT(small, 20u);
 }
 
+TEST(Ndis, ADhcpReplyFilePlantedAsALinkIsNeitherWrittenNorReadThroughIt) {
+  // Claim: the daemon writes the DHCP reply to /var/log/dhcp_result and
+  // reads it back without following a link planted at that path. Linked to
+  // a file someone else wrote, the daemon neither changes that file nor
+  // configures or publishes its address, gateway and DNS servers; linked to
+  // no file, it creates none. Either way each poll fails as one whose reply
+  // file cannot be opened, and the first poll after the link is gone brings
+  // the call up with the modem's own settings.
+  Sandbox sb({.chip = "1\n", .dial = 3, .start_daemon = false});
+  sb.start();
+  const std::string planted = "^DHCP: 0a000002,ffffff00,0a000001,0a000001,06060606,06060606,0,0\r\n";
+  sb.write("/var/log/planted", planted);
+  sb.run("ln -s /var/log/planted /var/log/dhcp_result");
+  sb.start_daemon();
+  // n more queries, or a call up (which must not come).
+  auto polled = [&](size_t n) {
+    const size_t asked = lines_equal(sb, kDhcpQuery).size() + n;
+    return sb.wait_until([&] { return lines_equal(sb, kDhcpQuery).size() >= asked || sb.read("status") == "3\n"; }, 60s);
+  };
+  ASSERT_TRUE(polled(2)) << sb.log();
+  EXPECT_NE(sb.read("status"), "3\n") << "up with the planted settings: " << sb.read("ipaddr").value_or("");
+  EXPECT_EQ(sb.read("/var/log/planted"), planted);
+  sb.run("ln -sfn /var/log/nowhere /var/log/dhcp_result");
+  ASSERT_TRUE(polled(2)) << sb.log();
+  EXPECT_NE(sb.read("status"), "3\n");
+  EXPECT_FALSE(sb.read("/var/log/nowhere").has_value());
+  EXPECT_EQ(sb.count_log("_ndis_connect : connect successful"), 0);
+  EXPECT_FALSE(contains(addresses(sb), "10.0.0.2"));
+
+  sb.run("rm /var/log/dhcp_result");
+  ASSERT_TRUE(sb.wait_state("status", "3\n", 90s)) << sb.log();
+  EXPECT_TRUE(link_is(sb, true, Settings{}));
+  EXPECT_EQ(sb.read("/var/log/planted"), planted);
+  EXPECT_FALSE(contains(routes(sb) + addresses(sb), "10.0.0.")) << routes(sb);
+}
+
 }  // namespace
