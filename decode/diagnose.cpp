@@ -26,6 +26,7 @@ constexpr uint16_t kErrClientIdsExhausted = 5, kErrInvalidClientId = 7, kErrOutO
 
 struct Call {
   size_t line = 0;
+  int pid = 0;  // of the process that started it
   std::string what;  // how it started
   bool up = false;
   std::string settings;  // address, mask, gateway once known
@@ -54,6 +55,11 @@ struct Signature {
 
 class Diagnosis {
  public:
+  explicit Diagnosis(const std::vector<LogItem>& items) {
+    for (const auto& i : items)
+      if (i.kind == LogItem::Kind::kRecord) record_pids_.emplace_back(i.line_no, i.pid);
+  }
+
   void item(const LogItem& item) {
     if (item.kind == LogItem::Kind::kRecord) record(item);
     if (item.kind == LogItem::Kind::kDump) dump(item);
@@ -74,8 +80,8 @@ class Diagnosis {
     for (Signature* s : {&tty_gone_, &call_left_up_, &start_unanswered_, &client_id_, &two_daemons_, &retried_}) {
       if (s->count < s->threshold) continue;
       any = true;
-      out += format("  * %s: %zu time%s, first at line %zu: %s\n", s->name, s->count, s->count == 1 ? "" : "s",
-                    s->first_line, s->detail.c_str());
+      out += format("  * %s, at line %zu%s: %s\n", s->name, s->first_line,
+                    s->count == 1 ? "" : s->count == 2 ? " and once more" : format(" and %zu times more", s->count - 1).c_str(), s->detail.c_str());
       out += format("    README, \"Operating notes for integrators\", row \"%s\"\n", s->row);
     }
     if (!any) out += "  (none)\n";
@@ -87,13 +93,16 @@ class Diagnosis {
     process(r);
     const std::string& t = r.text;
     if (t.starts_with("wds state : init...")) {
+      if (call_ && call_->pid != r.pid)
+        end_call(r.line_no, format("process %d's bring-up, whose WDS reset ends the modem's call", r.pid), "");
       if (call_) end_call(r.line_no, "re-initialisation (signal 38): the link torn down, no stop sent", "");
       close_bring_up(r.line_no, "");
+      ++bring_ups_;
       bring_up_line_ = r.line_no;
       bring_up_cause_.clear();
       tty_gone_line_ = 0;
     } else if (t.starts_with("wds state : ready")) {
-      if (bring_up_line_ != 0) note(bring_up_line_, format("bring-up %zu: ready", ++bring_ups_));
+      if (bring_up_line_ != 0) note(bring_up_line_, format("bring-up %zu: ready", bring_ups_));
       bring_up_line_ = 0;
       failed_in_row_ = 0;
     } else if (t.starts_with("get_curr_profile : open profile err.")) {
@@ -108,12 +117,17 @@ class Diagnosis {
         note(0, up);
       }
     } else if (t.starts_with("_ndis_connect : connect successful")) {
-      start_call(r.line_no, "NDIS dial (AT^NDISDUP; the AT dialogue is not logged)");
+      end_call(r.line_no, "hung up (NDIS mode logs neither the hang-up nor its cause)", "");
+      start_call(r.line_no, "NDIS dial (AT^NDISDUP)");
+      call_->settings = "the address is not logged in NDIS mode";
     } else if (t.starts_with("read msg timeout, msg_type = ")) {
       timeout(r.line_no, t.substr(t.rfind(' ') + 1));
     } else if (t.starts_with("read msg error, errno = ENODEV") ||
                (r.error && t.starts_with("tty busy or tty down. errno = 19 "))) {
-      if (tty_gone_line_ == 0) tty_gone_line_ = r.line_no;
+      if (tty_gone_line_ == 0) {
+        tty_gone_line_ = r.line_no;
+        note(r.line_no, "the tty is gone (ENODEV): reads and writes on it fail from here");
+      }
       if (bring_up_line_ != 0) bring_up_cause_ = "the tty is gone";
     } else if (t.starts_with("wds_disconnect : disconnected 3 times failed")) {
       call_left_up_.seen(r.line_no, "three stop requests without an answer: the link was torn down while the modem "
@@ -128,16 +142,26 @@ class Diagnosis {
   void process(const LogItem& r) {
     if (r.pid == pid_) return;
     if (pids_.contains(r.pid)) {
-      two_daemons_.seen(r.line_no, format("records of processes %d and %d interleave: two daemons on one tty", pid_, r.pid));
+      if (two_daemons_.count == 0)
+        two_daemons_.seen(r.line_no, format("records of processes %d and %d interleave: two daemons on one tty", pid_, r.pid));
+    } else if (pid_ != 0 && writes_again_after(r.line_no, pid_)) {
+      note(r.line_no, format("process %d starts while process %d still runs: from here the two mix", r.pid, pid_));
     } else if (pid_ != 0) {
       end_call(r.line_no, "the process ended", "the process ended");
       close_bring_up(r.line_no, "the process ended");
-      note(r.line_no, format("process %d starts (the earlier one, %d, has left no more records)", r.pid, pid_));
+      note(r.line_no, format("process %d starts (process %d has ended)", r.pid, pid_));
     } else {
-      note(r.line_no, format("process %d", r.pid));
+      note(r.line_no, format("process %d writes the log", r.pid));
     }
     pids_.insert(r.pid);
     pid_ = r.pid;
+  }
+
+  // Whether process `pid` has records after line `line`.
+  bool writes_again_after(size_t line, int pid) const {
+    for (const auto& [l, p] : record_pids_)
+      if (l > line && p == pid) return true;
+    return false;
   }
 
   void dump(const LogItem& d) {
@@ -240,6 +264,7 @@ class Diagnosis {
     end_call(line, "ended without a record of why", "no answer recorded");
     call_ = Call{};
     call_->line = line;
+    call_->pid = pid_;
     call_->what = what;
     ++calls_;
   }
@@ -251,30 +276,31 @@ class Diagnosis {
     if (call_->up) {
       if (!if_up.empty()) note(0, "    ended" + (line ? format(" at line %zu", line) : std::string()) + ": " + if_up);
     } else if (!if_not.empty()) {
-      attempt(call_->line, call_->what + ": " + if_not);
+      attempt("call", calls_, call_->line, call_->what + ": " + if_not);
     }
     call_.reset();
   }
 
-  // Attempts that failed alike are one line with a count.
-  void attempt(size_t line, const std::string& what) {
-    if (what == repeat_what_) {
+  // Attempts that failed alike, one after the other, are one line.
+  void attempt(const char* kind, size_t number, size_t line, const std::string& what) {
+    if (what == repeat_what_ && kind == repeat_kind_) {
       ++repeat_count_;
       return;
     }
     flush_repeats();
+    repeat_kind_ = kind;
     repeat_what_ = what;
     repeat_line_ = line;
-    repeat_first_ = calls_;
+    repeat_first_ = number;
     repeat_count_ = 1;
   }
 
   void flush_repeats() {
     if (repeat_count_ == 0) return;
-    std::string head = repeat_count_ == 1 ? format("call %zu", repeat_first_)
-                                          : format("calls %zu to %zu", repeat_first_, repeat_first_ + repeat_count_ - 1);
+    std::string head = repeat_count_ == 1 ? format("%s %zu", repeat_kind_, repeat_first_)
+                                          : format("%ss %zu to %zu", repeat_kind_, repeat_first_,
+                                                   repeat_first_ + repeat_count_ - 1);
     timeline_.push_back(format("line %zu: %s: %s", repeat_line_, head.c_str(), repeat_what_.c_str()));
-    if (repeat_count_ > 1) timeline_.back() += format(" (%zu times)", repeat_count_);
     repeat_count_ = 0;
     repeat_what_.clear();
   }
@@ -286,12 +312,12 @@ class Diagnosis {
       // Another bring-up follows this one: it failed. Two in a row make
       // the signature; each further one counts.
       if (++failed_in_row_ == 1) first_failed_line_ = bring_up_line_;
-      if (failed_in_row_ == 2) retried_.seen(first_failed_line_, "bring-ups failed and were retried, none reaching ready");
+      if (failed_in_row_ == 2) retried_.seen(first_failed_line_, "each failed before ready and was tried again");
       if (failed_in_row_ >= 2) retried_.count++;
-      cause = bring_up_cause_.empty() ? "failed before ready (the log does not say why: tty, driver or client id)"
+      cause = bring_up_cause_.empty() ? "failed before ready (the log does not say why: the tty, the driver, the client id or the dial profile)"
                                       : "failed: " + bring_up_cause_;
     }
-    if (!cause.empty()) attempt(bring_up_line_, format("bring-up: %s", cause.c_str()));
+    if (!cause.empty()) attempt("bring-up", bring_ups_, bring_up_line_, cause);
   }
 
   void note(size_t line, const std::string& text) {
@@ -309,6 +335,8 @@ class Diagnosis {
   size_t tty_gone_line_ = 0;
   int pid_ = 0;
   std::set<int> pids_;
+  std::vector<std::pair<size_t, int>> record_pids_;  // line and process of every record
+  const char* repeat_kind_ = "";
   std::string repeat_what_;
   size_t repeat_line_ = 0, repeat_first_ = 0, repeat_count_ = 0;
   Signature tty_gone_{"the tty gone and no re-initialisation after it", kRowUnplugged};
@@ -323,8 +351,9 @@ class Diagnosis {
 }  // namespace
 
 std::string diagnose(std::string_view log) {
-  Diagnosis d;
-  for (const auto& item : read_log(log)) d.item(item);
+  const auto items = read_log(log);
+  Diagnosis d(items);
+  for (const auto& item : items) d.item(item);
   return d.text();
 }
 

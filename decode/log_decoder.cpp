@@ -81,11 +81,7 @@ std::string decode_log(std::string_view text) {
     out += line;
     out += '\n';
   });
-  while (!text.empty()) {
-    const size_t nl = text.find('\n');
-    decoder.line(text.substr(0, nl));
-    text.remove_prefix(nl == std::string_view::npos ? text.size() : nl + 1);
-  }
+  each_line(text, [&decoder](std::string_view line) { decoder.line(line); });
   decoder.finish();
   return out;
 }

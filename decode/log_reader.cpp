@@ -145,14 +145,18 @@ void LogReader::close_dump() {
   sink_(dump_);
 }
 
+void each_line(std::string_view text, const std::function<void(std::string_view)>& fn) {
+  while (!text.empty()) {
+    const size_t nl = text.find('\n');
+    fn(text.substr(0, nl));
+    text.remove_prefix(nl == std::string_view::npos ? text.size() : nl + 1);
+  }
+}
+
 std::vector<LogItem> read_log(std::string_view text) {
   std::vector<LogItem> items;
   LogReader reader([&items](const LogItem& item) { items.push_back(item); });
-  while (!text.empty()) {
-    const size_t nl = text.find('\n');
-    reader.line(text.substr(0, nl));
-    text.remove_prefix(nl == std::string_view::npos ? text.size() : nl + 1);
-  }
+  each_line(text, [&reader](std::string_view line) { reader.line(line); });
   reader.finish();
   return items;
 }

@@ -57,6 +57,10 @@ class LogReader {
 
 std::vector<LogItem> read_log(std::string_view text);
 
+// Each line of `text` without its newline, the last one also when no
+// newline ends it.
+void each_line(std::string_view text, const std::function<void(std::string_view)>& fn);
+
 // A record's text without the error suffix's "<strerror text>": the C
 // libraries word errors differently, the number says the same.
 std::string without_error_text(std::string_view text);

@@ -38,7 +38,7 @@ using wdsdecode::format;
 
 constexpr int64_t kSecond = 1000000;
 constexpr int64_t kTick = 4 * kSecond;
-constexpr int64_t kPollEvery = 5000;             // µs between looks at the log
+constexpr int64_t kPollEvery = 10000;            // µs between looks at the log
 constexpr int64_t kFailedBringUpPause = 3 * kSecond;
 constexpr int64_t kStallBase = 40 * kSecond;     // no new key for this long: stalled
 constexpr int64_t kStallPerInterrupt = 4500000;  // and a tick more for each the original waited
@@ -58,11 +58,7 @@ std::vector<wdsdecode::LogItem> whole_items(std::string_view text, bool finished
   std::vector<wdsdecode::LogItem> items;
   wdsdecode::LogReader reader([&items](const wdsdecode::LogItem& i) { items.push_back(i); });
   if (!finished) text = text.substr(0, text.rfind('\n') == std::string_view::npos ? 0 : text.rfind('\n') + 1);
-  while (!text.empty()) {
-    const size_t nl = text.find('\n');
-    reader.line(text.substr(0, nl));
-    text.remove_prefix(nl == std::string_view::npos ? text.size() : nl + 1);
-  }
+  wdsdecode::each_line(text, [&reader](std::string_view line) { reader.line(line); });
   if (finished) reader.finish();
   return items;
 }

@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: ISC
-// wds-replay [--daemon PATH] [--profile TEXT | --profile-file FILE]
+// wds-replay [--plan] [--daemon PATH] [--profile TEXT | --profile-file FILE]
 //            [--keep DIR] [--limit SECONDS] LOG
 // Replays a wds.log against the simulated modem: the unchanged daemon runs
 // in a sandbox, the simulator answers it from the log, the dial requests and
 // signals the log implies are given where it shows them. Prints the replayed
 // log beside the original and whether they agree: exit status 0 when they
-// do, 1 when they part, 2 when the replay could not be run.
+// do, 1 when they part, 2 when the replay could not be run. With --plan,
+// prints what the replay would do and runs nothing.
 #include <unistd.h>
 
 #include <cstdio>
@@ -26,7 +27,7 @@ namespace {
 [[noreturn]] void usage(const std::string& why) {
   fprintf(stderr,
           "wds-replay: %s\n"
-          "usage: wds-replay [--daemon PATH] [--profile TEXT | --profile-file FILE]\n"
+          "usage: wds-replay [--plan] [--daemon PATH] [--profile TEXT | --profile-file FILE]\n"
           "                  [--keep DIR] [--limit SECONDS] LOG\n",
           why.c_str());
   exit(2);
@@ -52,13 +53,16 @@ int main(int argc, char** argv) {
   replay::PlanOptions plan_options;
   replay::RunOptions run;
   std::string log_path, keep;
+  bool plan_only = false;
   for (int i = 1; i < argc; ++i) {
     const std::string a = argv[i];
     auto value = [&]() -> std::string {
       if (i + 1 >= argc) usage("missing value for " + a);
       return argv[++i];
     };
-    if (a == "--daemon") {
+    if (a == "--plan") {
+      plan_only = true;
+    } else if (a == "--daemon") {
       run.daemon = value();
     } else if (a == "--profile") {
       auto text = notation::unescape(value());
@@ -77,13 +81,17 @@ int main(int argc, char** argv) {
     }
   }
   if (log_path.empty()) usage("no log given");
+  const auto plan = replay::make_plan(wdsdecode::read_log(read_file(log_path)), plan_options);
+  if (plan_only) {
+    replay::print_plan(plan, stdout);
+    return 0;
+  }
   if (geteuid() != 0) usage("the sandbox needs root");
   run.sandbox = beside_me("wds-sandbox");
   for (const char* guess : {"../sbin/wdsd", "../wdsd"})
     if (run.daemon.empty() && access(beside_me(guess).c_str(), X_OK) == 0) run.daemon = beside_me(guess);
   if (run.daemon.empty()) usage("no wdsd found: give --daemon");
 
-  const auto plan = replay::make_plan(wdsdecode::read_log(read_file(log_path)), plan_options);
   printf("wds-replay: %s: %s mode, %zu records and dumps from line %zu\n", log_path.c_str(), plan.ndis ? "NDIS" : "QMI",
          plan.original.size(), plan.first_line);
   for (const auto& note : plan.notes) printf("  note: %s\n", note.c_str());

@@ -94,6 +94,7 @@ class Planner {
       return;
     }
     if (pid_ != 0 && r.pid != pid_) new_process(r);
+    if (pid_ == 0) pids_.push_back(r.pid);
     pid_ = r.pid;
     if (is_state(r, "init...")) {
       bring_up();
@@ -126,13 +127,16 @@ class Planner {
   // Records of another process: the daemon was ended (by SIGTERM, when its
   // exit path shows no more) and started again.
   void new_process(const Entry& r) {
+    if (!interleaved_ && std::ranges::count(pids_, r.pid) > 0) {
+      interleaved_ = true;
+      plan_->notes.push_back("the records of two processes interleave: two daemons shared the tty, and a replay runs one");
+    }
+    pids_.push_back(r.pid);
     if (!term_sent_) act(Action::Kind::kSignal, kSignalTerm, key_, "the next records are another process's");
     act(Action::Kind::kRestart, 0, key_, wdsdecode::format("process %d starts", r.pid));
     term_sent_ = false;
     end_attempt(false);
-    connected_ = false;
     ready_ = false;
-    bring_ups_ = 0;
   }
 
   void bring_up() {
@@ -147,8 +151,6 @@ class Planner {
       }
     }
     end_attempt(false);
-    connected_ = false;
-    ++bring_ups_;
     ready_ = false;
     reset_since_init_ = false;
     // A bring-up that ends in another without a record of its own failed
@@ -175,7 +177,6 @@ class Planner {
       return;
     }
     call_->up = true;
-    connected_ = true;
     call_->connected_records = 1;
   }
 
@@ -366,8 +367,8 @@ class Planner {
   int idletime_ = 60;
   int dial_file_ = 0;
   size_t dial_action_ = std::string::npos;
-  int bring_ups_ = 0;
-  bool ready_ = false, connected_ = false, reset_since_init_ = false, demand_ = false;
+  bool ready_ = false, reset_since_init_ = false, demand_ = false, interleaved_ = false;
+  std::vector<int> pids_;
   bool had_call_since_ready_ = false;
   bool profile_removed_ = false, profile_taken_ = false, term_sent_ = false;
   size_t last_write_ = std::string::npos;

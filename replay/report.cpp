@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "decode/format.h"
+#include "decode/notation.h"
 
 namespace replay {
 
@@ -31,7 +32,40 @@ std::string first_line(const Entry& e) { return e.shown.empty() ? "" : e.shown.f
 
 bool is_poll(const Entry& e) { return e.what == Entry::What::kWrite && e.msg == 0x0022; }
 
+const char* action_name(Action::Kind kind) {
+  switch (kind) {
+    case Action::Kind::kDial: return "dial";
+    case Action::Kind::kSignal: return "signal";
+    case Action::Kind::kRestart: return "start the daemon again";
+    case Action::Kind::kRemoveProfile: return "remove the dial profile";
+    case Action::Kind::kRestoreProfile: return "put the dial profile back";
+    case Action::Kind::kTrafficOn: return "traffic on";
+    case Action::Kind::kTrafficOff: return "traffic off";
+  }
+  return "";
+}
+
 }  // namespace
+
+void print_plan(const Plan& plan, FILE* out) {
+  fprintf(out, "plan: %s mode, from line %zu%s\n", plan.ndis ? "NDIS" : "QMI", plan.first_line,
+          plan.from_request ? (plan.connected_before ? ", after a call set up first" : ", after a bring-up first") : "");
+  for (const auto& note : plan.notes) fprintf(out, "  note: %s\n", note.c_str());
+  fprintf(out, "  profile: \"%s\"\n", notation::escape(plan.profile).c_str());
+  for (const auto& a : plan.actions) {
+    std::string where = a.at_key < plan.keys.entry.size()
+                            ? format("before line %zu", plan.original[plan.keys.entry[a.at_key]].line_no)
+                            : std::string("at the end");
+    std::string what = action_name(a.kind);
+    if (a.kind == Action::Kind::kDial || a.kind == Action::Kind::kSignal) what += format(" %d", a.value);
+    if (a.residue)
+      what += format(", read at a tick whose count is %d modulo 3, %s", *a.residue,
+                     a.read_at_ticks ? "idle" : "in the bring-up's polls");
+    if (a.after_hang_up) what += ", once the modem's call is down";
+    fprintf(out, "  %s: %s (%s)\n", where.c_str(), what.c_str(), a.why.c_str());
+  }
+  if (!plan.script.empty()) fprintf(out, "script:\n%s", plan.script.c_str());
+}
 
 bool agree(const Plan& plan, const RunResult& run) {
   return common_prefix(plan.keys, run.keys) == plan.keys.keys.size();

@@ -11,6 +11,10 @@
 
 namespace replay {
 
+// The plan as wds-replay --plan prints it: the notes, the profile, each
+// action before the line of the original where it shows, and the script.
+void print_plan(const Plan& plan, FILE* out);
+
 // True when the two agree.
 bool agree(const Plan& plan, const RunResult& run);
 
