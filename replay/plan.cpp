@@ -323,9 +323,10 @@ class Planner {
     // away as they can be.
     if (call_->up && call_->timed && !plan_->actions[call_->dial].residue)
       plan_->actions[call_->dial].residue = 0;
+    // A call dialled again by itself already showed the file held 3.
     const bool ended_by_daemon = call_->lost || !call_->up;
-    if (ended_by_daemon && !log_ends && !call_->retried && !retry_follows() && call_->dial != std::string::npos &&
-        dial_file_ == kDialAlways && !call_->idle_out) {
+    if (ended_by_daemon && call_->timed && !log_ends && !call_->retried && !retry_follows() && dial_file_ == kDialAlways &&
+        !call_->idle_out) {
       plan_->actions[call_->dial].value = kDialOnce;
       dial_file_ = 0;
     }
