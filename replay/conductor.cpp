@@ -301,10 +301,12 @@ class Conductor {
         write_file(wan("dial"), std::to_string(a.value) + "\n");
         what = format("dial %d", a.value);
         break;
-      case Action::Kind::kSignal:
-        control("init.sock", format("kill %d", a.value));
-        what = format("signal %d", a.value);
+      case Action::Kind::kSignal: {
+        // A daemon that has already ended cannot take it; the logs then part.
+        const std::string reply = sim::control_request(exchange("init.sock"), format("kill %d", a.value));
+        what = format("signal %d", a.value) + (reply.starts_with("ok") ? "" : " (" + reply + ")");
         break;
+      }
       case Action::Kind::kRestart:
         if (!std::filesystem::exists(exchange("daemon.exit"))) return false;
         control("init.sock", "start");

@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "decode/format.h"
+#include "qmi/qmi.h"
 #include "sim/control.h"
 #include "sim/runtime.h"
 #include "sim/text.h"
@@ -339,10 +340,12 @@ class Sandbox {
 
 // ---- shared by the daemon scenarios ----
 
-// WDS message identifiers, and the messages "cms" gets: link changed, and
-// the demand link ready with the interface's name in 64 bytes.
-inline constexpr uint16_t kReset = 0x0000, kAbort = 0x0002, kStartNetwork = 0x0020, kStopNetwork = 0x0021,
-                          kPacketStatus = 0x0022, kRuntimeSettings = 0x002D;
+// WDS message identifiers (the daemon's own), and the messages "cms" gets:
+// link changed, and the demand link ready with the interface's name in 64
+// bytes.
+inline constexpr uint16_t kReset = kWdsReset, kAbort = kWdsAbort, kStartNetwork = kWdsStartNetwork,
+                          kStopNetwork = kWdsStopNetwork, kPacketStatus = kWdsPktSrvcStatus,
+                          kRuntimeSettings = kWdsRuntimeSettings;
 inline const std::string kLinkChanged = "qmi 0x11601 0 -";
 inline const std::string kDemandLinkReady = "qmi 0x3d02 64 " + to_hex(std::string("rmnet0") + std::string(58, '\0'));
 

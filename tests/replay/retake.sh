@@ -48,7 +48,8 @@ wait_for() {  # wait_for SECONDS COMMAND...
 runner=$!
 wait_for 30 test -e "$work/sb/ready"
 root=/proc/$(cat "$work/sb/init.pid")/root
-wait_for 60 grep -qx 3 "$root/var/wan/rmnet0/status"
+connected() { grep -qsx 3 "$root/var/wan/rmnet0/status"; }
+wait_for 60 connected
 # Started from inside, it detaches and shares the tty, the pid file and the log.
 nsenter -t "$(cat "$work/sb/init.pid")" -m -n -p -u -i -- "$build/wdsd" >/dev/null 2>&1
 sleep 40  # the second one's bring-up and call, and both polling for a while
@@ -63,7 +64,8 @@ echo "== starts refused with Invalid Client ID, by hand in a sandbox"
 runner=$!
 wait_for 30 test -e "$work/sb7/ready"
 root=/proc/$(cat "$work/sb7/init.pid")/root
-wait_for 60 test "$(grep -c 'Invalid Client ID' "$root/var/log/wds.log")" -ge 3
+refused_thrice() { [ "$(grep -cs 'Invalid Client ID' "$root/var/log/wds.log")" -ge 3 ]; }
+wait_for 60 refused_thrice
 "$build/sim/wds-simctl" "$work/sb7" init shutdown >/dev/null
 wait "$runner" || true
 runner=""
