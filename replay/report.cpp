@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "decode/format.h"
+#include "decode/log_reader.h"
 #include "decode/notation.h"
 
 namespace replay {
@@ -51,7 +52,13 @@ void print_plan(const Plan& plan, FILE* out) {
   fprintf(out, "plan: %s mode, from line %zu%s\n", plan.ndis ? "NDIS" : "QMI", plan.first_line,
           plan.from_request ? (plan.connected_before ? ", after a call set up first" : ", after a bring-up first") : "");
   for (const auto& note : plan.notes) fprintf(out, "  note: %s\n", note.c_str());
-  fprintf(out, "  profile: \"%s\"\n", notation::escape(plan.profile).c_str());
+  // The password shows as the decoder shows it: its length only.
+  std::string profile;
+  wdsdecode::each_line(plan.profile, [&profile](std::string_view line) {
+    if (line.starts_with("password = ")) profile += format("password = (%zu bytes, masked)\n", line.size() - 11);
+    else profile += std::string(line) + "\n";
+  });
+  fprintf(out, "  profile: \"%s\"\n", notation::escape(profile).c_str());
   for (const auto& a : plan.actions) {
     std::string where = a.at_key < plan.keys.entry.size()
                             ? format("before line %zu", plan.original[plan.keys.entry[a.at_key]].line_no)
