@@ -6,6 +6,7 @@
 #
 #   bench/replay_time.sh BUILD_DIR [JOBS]         runs the replays itself (root)
 #   bench/replay_time.sh --results DIR LOGDIR     from the replay tests' outputs
+#                                                 (BUILD_DIR/tests/replay/results)
 #
 # A replay cannot be quicker than the daemon's own waits (its 4-second
 # tick, the 12-second polls, an 8-minute start-network limit); it is
