@@ -48,9 +48,9 @@ TEST(Ndis, QuotedProfileCallPollsDhcpHangsUpAndRedialsPastEchoesReportsAndSplitA
   ASSERT_TRUE(sb.wait_until([&] { return lines_equal(sb, kDhcpQuery).size() == 10; }, 90s)) << sb.log();
   // The answer to the next query, the redial's, written out: a report
   // between the reply line and OK, another after it.
-  sb.sim("on dhcp times=1 raw=\\r\\n^RSSI:\\s9\\r\\n\\r\\n"
-         "^DHCP:\\sc0a80001,fffffc00,c0a803fe,c0a803fe,08080404,01000002,150000000,50000000\\r\\n"
-         "\\r\\n^SRVST:\\s2\\r\\n\\r\\nOK\\r\\n\\r\\n^RSSI:\\s10\\r\\n");
+  sb.sim("on dhcp times=1 raw=\\r\\n^RSSI:\\x209\\r\\n\\r\\n"
+         "^DHCP:\\x20c0a80001,fffffc00,c0a803fe,c0a803fe,08080404,01000002,150000000,50000000\\r\\n"
+         "\\r\\n^SRVST:\\x202\\r\\n\\r\\nOK\\r\\n\\r\\n^RSSI:\\x2010\\r\\n");
   ASSERT_TRUE(sb.wait_until([&] { return lines_equal(sb, kHangUp).size() == 1; }, 10s)) << sb.log();
   auto polls = lines_equal(sb, kDhcpQuery);
   auto hangup = lines_equal(sb, kHangUp)[0];
