@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: ISC
 #include "unit.h"
 
-#include "tests/unit/support/notation.h"
+#include "decode/notation.h"
 
 #include <fcntl.h>
 #include <poll.h>

@@ -62,7 +62,7 @@ bool register_vector_tests(const char* suite, const char* file, std::function<vo
 
 // Nothing in "" and in "-".
 Strings split(const std::string& text, const std::string& separator);
-// Fields in the notation of notation.h, with a shorthand for long runs on
+// Fields in the notation of decode/notation.h, with a shorthand for long runs on
 // top: in a text, \*N before a character or an escape repeats it N times;
 // in hex, a word XX*N repeats its bytes N times. A field that is not in the
 // notation fails the test.
