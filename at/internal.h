@@ -106,7 +106,10 @@ enum at_wait_state : int { AT_WAIT_READ = 0, AT_WAIT_PARSE = 1, AT_WAIT_DONE = 2
 extern volatile uint32_t g_at_ticks;
 extern uint32_t g_at_seq;
 extern int g_at_wait_state;
-extern int g_at_pending_cr;
+// The CR that the byte after it has yet to settle: none, one taken in this
+// pass, or one that was the last byte of an earlier pass.
+enum at_cr_state : int { AT_CR_NONE = 0, AT_CR_TAKEN = 1, AT_CR_PENDING = 2 };
+extern int g_at_cr;
 extern char g_at_line_acc[kAtAccumulatorSize];
 // Counters, wait state and the partial line back to their start values.
 void at_response_reset();

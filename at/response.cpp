@@ -16,7 +16,7 @@
 volatile uint32_t g_at_ticks = 0;
 uint32_t g_at_seq = 0;
 int g_at_wait_state = AT_WAIT_PARSE;
-int g_at_pending_cr = 0;
+int g_at_cr = AT_CR_NONE;
 char g_at_line_acc[kAtAccumulatorSize] = {};
 
 namespace {
@@ -74,39 +74,27 @@ bool ring_has_bytes() { return at_rx_ring.set_up != 0 && at_rx_ring.rpos != at_r
 //
 // A CR is not stored: the byte after it decides. LF ends the line; any other
 // byte, a second CR included, is stored. A CR that was the last byte of a
-// pass leaves g_at_pending_cr set, and the next pass's first byte settles it:
-// LF ends the line, a CR is a new CR of its own, any other byte is stored.
+// pass stays pending, and the next pass's first byte settles it: LF ends the
+// line, a CR is a new CR of its own, any other byte is stored.
 bool collect_line() {
   size_t len = strnlen(g_at_line_acc, kMaxLineLen);
-  bool after_cr = false;  // the byte taken before, in this pass, was a CR
-  auto store = [&](uint8_t c) {
+  uint8_t c;
+  while (at_ring_take(&c) == 0) {
+    if (c == '\r' && g_at_cr != AT_CR_TAKEN) {
+      g_at_cr = AT_CR_TAKEN;
+      continue;
+    }
+    if (c == '\n' && g_at_cr != AT_CR_NONE) {
+      g_at_cr = AT_CR_NONE;
+      return true;
+    }
     if (len < kMaxLineLen) {
       g_at_line_acc[len++] = static_cast<char>(c);
       g_at_line_acc[len] = '\0';
     }
-    g_at_pending_cr = 0;
-  };
-
-  auto line_ends = [] {
-    g_at_pending_cr = 0;
-    return true;
-  };
-
-  uint8_t c;
-  while (at_ring_take(&c) == 0) {
-    if (after_cr) {
-      after_cr = false;
-      if (c == '\n') return line_ends();
-      store(c);
-    } else if (c == '\r') {
-      after_cr = true;
-    } else if (c == '\n' && g_at_pending_cr) {
-      return line_ends();
-    } else {
-      store(c);
-    }
+    g_at_cr = AT_CR_NONE;
   }
-  if (after_cr) g_at_pending_cr = 1;
+  if (g_at_cr == AT_CR_TAKEN) g_at_cr = AT_CR_PENDING;
   return false;
 }
 
@@ -124,7 +112,7 @@ void at_response_reset() {
   g_at_ticks = 0;
   g_at_seq = 0;
   g_at_wait_state = AT_WAIT_PARSE;
-  g_at_pending_cr = 0;
+  g_at_cr = AT_CR_NONE;
   g_at_line_acc[0] = '\0';
 }
 

@@ -26,7 +26,7 @@ void write_var_log_file(const char* name, const char* fmt, ...) {
 int read_small_file(const char* path, char* buffer) {
   if (path == nullptr || buffer == nullptr) return -1;
   buffer[0] = '\0';
-  const int fd = open(path, O_RDONLY | O_CLOEXEC);
+  const int fd = var_file_open_read(path);
   if (fd < 0) return -1;
   size_t n = 0;
   for (ssize_t got; n < kAtSmallFileSize; n += static_cast<size_t>(got)) {

@@ -10,10 +10,10 @@
 namespace {
 
 constexpr uint8_t kIndicationWaitTicks = 3;
-// Whole-call budget: the start response's wait plus the settings tries.
+// Whole-call budget: the start response's wait plus the settings tries, each
+// charged the ticks its request may wait.
 constexpr int kConnectBudgetTicks = 117;
 constexpr int kRuntimeSettingsTries = 3;
-constexpr int kRuntimeSettingsTicks = 3;
 constexpr unsigned kRuntimeRetryPauseMs = 1000;
 constexpr int kDisconnectAttempts = 3;
 constexpr int kDhcpPolls = 10;
@@ -49,7 +49,7 @@ int qmi_connect() {
       conn_handle = 0;  // the modem ended the call: nothing left to stop
       return -1;
     }
-    budget -= kRuntimeSettingsTicks;
+    budget -= kWdsRequestLimitTicks;
     --tries;
     if (budget <= 0) break;
     msleep(kRuntimeRetryPauseMs);

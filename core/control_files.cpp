@@ -29,7 +29,7 @@ int wds_dial_parse(const char* bytes, size_t len) {
 
 int wds_dial_read() {
   char path[kTextBufSize];
-  snprintf(path, sizeof path, wds_paths::kWanDialFmt, g_acIfname);
+  snprintf(path, sizeof path, wds_paths::kWanFileFmt, g_acIfname, wds_paths::kWanDial);
   const int fd = open(path, O_RDONLY | O_CLOEXEC);
   if (fd < 0) return WDS_DIAL_NONE;
   char bytes[kDialLineMax];
@@ -40,7 +40,7 @@ int wds_dial_read() {
 
 void wds_dial_take_request() {
   char path[kTextBufSize];
-  snprintf(path, sizeof path, wds_paths::kWanDialFmt, g_acIfname);
+  snprintf(path, sizeof path, wds_paths::kWanFileFmt, g_acIfname, wds_paths::kWanDial);
   const int fd = var_file_open(path, O_WRONLY | O_TRUNC);
   if (fd < 0) return;  // silently: the request then stays and is taken again
   var_file_write(fd, "0", "");
@@ -48,7 +48,7 @@ void wds_dial_take_request() {
 }
 
 int wds_pid_file_create() {
-  snprintf(g_acPidpath, sizeof g_acPidpath, wds_paths::kWanPidFmt, g_acIfname);
+  snprintf(g_acPidpath, sizeof g_acPidpath, wds_paths::kWanFileFmt, g_acIfname, wds_paths::kWanPid);
   printf("\ng_acPidpath=[%s]\n", g_acPidpath);
   const int fd = var_file_open(g_acPidpath, O_RDWR | O_TRUNC);
   if (fd < 0) {

@@ -51,7 +51,7 @@ extern int g_link_lost;
 extern int g_idle_timeout;
 extern int g_idle_started;
 extern uint32_t g_idle_last_tx;
-extern uint32_t g_idle_secs;
+extern uint32_t g_idle_secs;   // the idle count: 9 per idle event, not seconds
 extern volatile sig_atomic_t g_manual_connect;
 extern volatile sig_atomic_t g_connected_mark;
 // Signal 37 while connected: the handler only raises this; the main loop logs.
@@ -98,6 +98,14 @@ void wds_cleanup();
 // ---- Bring-up (bring_up.cpp) ------------------------------------------------
 
 int wds_bring_up();
+// Its steps that meet the outside: 1 (NDIS mode) when the chip file's first
+// byte is the digit 1, else 0; whether the interface's driver answers the
+// driver-information request, once or (0 or -1) within five tries; the QMI
+// tty opened and its client identifier read, each within five tries, 0 or -1.
+int wds_datacard_is_ndis();
+bool wds_probe_usbnet_driver();
+int wds_probe_usbnet_with_retries();
+int wds_open_qmi_channel();
 
 // ---- Control files and profile (control_files.cpp, profile.cpp) --------------
 

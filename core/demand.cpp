@@ -4,8 +4,9 @@
 //   - while down, the link's traffic check raises g_demand_dial
 //     (link/demand.cpp, which also installs and restores the placeholder);
 //   - the ready and idle states dial once it is raised (state_machine.cpp);
-//   - while up, the idle accounting below ends the call after the profile's
-//     idletime without outgoing bytes;
+//   - while up, the idle accounting below ends the call once its idle
+//     count, which grows while no byte goes out, reaches the profile's
+//     idletime;
 //   - disconnect and clean-up reset the traffic check (state_machine.cpp,
 //     exit.cpp).
 #include <cstdio>
@@ -14,7 +15,10 @@
 #include "link/link.h"
 
 namespace {
-constexpr uint32_t kIdleSecsPerEvent = 9;  // the idle count's step per idle event
+// The idle count grows by 9 per idle event, although the events come 12 s
+// apart: it is no count of seconds, and the profile's idletime is compared
+// with it as it is (idletime 27 ends a call after three idle events, 36 s).
+constexpr uint32_t kIdleCountStep = 9;
 }
 
 void qmi_event_demand_idle_handle() {
@@ -34,7 +38,7 @@ void qmi_event_demand_idle_handle() {
     g_idle_secs = 0;
     return;
   }
-  g_idle_secs += kIdleSecsPerEvent;
+  g_idle_secs += kIdleCountStep;
   printf("Current time account:[%d] secends\n", static_cast<int>(g_idle_secs));
   if (g_idle_secs >= wan_profile.idletime) {
     g_idle_timeout = 1;

@@ -61,7 +61,8 @@ void profile_read(FILE* file) {
 }
 
 int get_curr_profile() {
-  snprintf(g_acProfilepath, sizeof g_acProfilepath, wds_paths::kWanConfigFmt, g_acIfname);
+  snprintf(g_acProfilepath, sizeof g_acProfilepath, wds_paths::kWanFileFmt, g_acIfname,
+           wds_paths::kWanConfig);
   printf("\ng_acProfilepath=[%s]\n", g_acProfilepath);
   if (access(g_acProfilepath, F_OK) != 0) return -1;
 

@@ -11,9 +11,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "decode/log_reader.h"
 
 namespace wdsdecode {
 
@@ -46,6 +49,14 @@ enum class Framing {
 // message or one with a bad TLV, else every byte there is.
 Framing take_message(std::string_view bytes, Message* out, size_t* consumed);
 
+// The WDS messages the daemon uses, by name: "start network" in
+// descriptions, "start" as one word in the simulator's commands and the
+// replay's scripts (a word may also be the id, "0x0020"). Nothing for an
+// unknown id or word.
+const char* message_name(uint16_t id);
+const char* message_word(uint16_t id);
+std::optional<uint16_t> message_by_word(std::string_view word);
+
 // One line naming the message and each TLV with its field, e.g.
 //   request tx=1 start network (0x0020): technology preference=1 (3GPP), ...
 // The password is masked.
@@ -70,14 +81,11 @@ class LogDecoder {
   void finish();
 
  private:
-  bool take_dump_row(std::string_view text);
-  void close_dump();
+  void item(const LogItem& item);
   bool device_record(std::string_view text);
 
   Sink out_;
-  bool in_dump_ = false;
-  size_t dump_len_ = 0;       // bytes the dump's header announced
-  std::string dump_bytes_;    // bytes of its rows so far
+  LogReader reader_;
 };
 
 // The whole of `text` through a LogDecoder, lines joined with newlines.

@@ -67,15 +67,16 @@ constexpr Field kFields[] = {
 
 struct MessageName {
   uint16_t id;
-  const char* name;
+  const char* name;  // in descriptions
+  const char* word;  // in the simulator's commands and the replay's scripts
 };
 constexpr MessageName kMessageNames[] = {
-    {kWdsReset, "reset"},
-    {kWdsAbort, "abort"},
-    {kWdsStartNetwork, "start network"},
-    {kWdsStopNetwork, "stop network"},
-    {kWdsPktSrvcStatus, "packet service status"},
-    {kWdsRuntimeSettings, "runtime settings"},
+    {kWdsReset, "reset", "reset"},
+    {kWdsAbort, "abort", "abort"},
+    {kWdsStartNetwork, "start network", "start"},
+    {kWdsStopNetwork, "stop network", "stop"},
+    {kWdsPktSrvcStatus, "packet service status", "status"},
+    {kWdsRuntimeSettings, "runtime settings", "runtime"},
 };
 
 // Indexed by the packet service status value.
@@ -183,13 +184,33 @@ std::string head_of(const Message& m) {
                           : m.ctl == kRsp ? "response"
                           : m.ctl == kInd ? "indication"
                                           : format("ctl 0x%02x", m.ctl);
-  std::string name = format("message 0x%04x", m.id);
-  for (const auto& n : kMessageNames)
-    if (n.id == m.id) name = format("%s (0x%04x)", n.name, m.id);
+  const char* known = message_name(m.id);
+  std::string name = known ? format("%s (0x%04x)", known, m.id) : format("message 0x%04x", m.id);
   return direction + format(" tx=%u ", m.tx) + name;
 }
 
 }  // namespace
+
+const char* message_name(uint16_t id) {
+  for (const auto& n : kMessageNames)
+    if (n.id == id) return n.name;
+  return nullptr;
+}
+
+const char* message_word(uint16_t id) {
+  for (const auto& n : kMessageNames)
+    if (n.id == id) return n.word;
+  return nullptr;
+}
+
+std::optional<uint16_t> message_by_word(std::string_view word) {
+  for (const auto& n : kMessageNames)
+    if (word == n.word) return n.id;
+  if (word.size() != 6 || !word.starts_with("0x")) return std::nullopt;
+  auto bytes = notation::from_hex(word.substr(2));
+  if (!bytes) return std::nullopt;
+  return be16(*bytes, 0);
+}
 
 std::string describe(const Message& m) {
   std::string out = head_of(m);

@@ -4,7 +4,6 @@
 // rising transmitted bytes ask for a call. The connection manager's side is
 // core/demand.cpp (idle time-out, tick events and the states that dial).
 #include <cstdio>
-#include <cstring>
 
 #include "link/internal.h"
 #include "platform/platform.h"
@@ -19,16 +18,6 @@ namespace {
 constexpr char kDemandAddr[] = "10.48.48.48";
 constexpr char kDemandMask[] = "255.255.255.255";
 constexpr char kDemandGateway[] = "10.112.112.112";
-// Bytes of the interface name buffer carried by CMS_MSG_DEMAND_LINK_READY.
-constexpr size_t kDemandLinkReadyLen = 64;
-
-void send_demand_link_ready() {
-  // The peer expects a fixed 64-byte name field, NUL-padded.
-  char payload[kDemandLinkReadyLen] = {};
-  memcpy(payload, g_acIfname, strnlen(g_acIfname, sizeof payload));
-  // Sent once and not confirmed: a "cms" that is not listening misses it.
-  ZUN_MSG_SendMsgData(kCmsBusName, CMS_MSG_DEMAND_LINK_READY, payload, sizeof payload);
-}
 
 }  // namespace
 
@@ -59,9 +48,9 @@ void demand_link_restore() {
 }
 
 void demand_link_publish() {
-  write_wan_file("ipaddr", kDemandAddr);
-  write_wan_file("mask", kDemandMask);
-  write_wan_file("gateway", kDemandGateway);
+  write_wan_file(wds_paths::kWanIpaddr, kDemandAddr);
+  write_wan_file(wds_paths::kWanMask, kDemandMask);
+  write_wan_file(wds_paths::kWanGateway, kDemandGateway);
   send_demand_link_ready();
 }
 

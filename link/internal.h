@@ -14,10 +14,15 @@ inline constexpr uint32_t CMS_MSG_DEMAND_LINK_READY = 0x3d02;
 // The initial setup builds its command lines in a buffer of its own size.
 inline constexpr size_t kInitCmdSize = 260;
 
+// ---- What the link publishes (publish.cpp) --------------------------------------
+
 // Rewrites "/var/wan/<ifname>/<name>" with `text` and a newline.
 void write_wan_file(const char* name, const char* text);
 // Registers on the bus again as "qmi" and tells "cms" the link changed.
 void wds_notify_cms();
+// Tells "cms" the demand placeholder is in place: the first 64 bytes of the
+// interface name, NUL-padded.
+void send_demand_link_ready();
 
 // ---- Dial on demand (demand.cpp) ----------------------------------------------
 

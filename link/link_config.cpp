@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: ISC
-// Host side of the link: interface and route commands, the state files that
-// publish the call's settings, and the notifications to "cms". The demand
-// mode's placeholder link is in demand.cpp.
+// Host side of the link: the interface and route commands of the set-up,
+// configuration and teardown, and what each publishes (through publish.cpp).
+// The demand mode's placeholder link is in demand.cpp.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
@@ -14,7 +14,8 @@
 namespace {
 
 constexpr size_t kAddrTextSize = 16;  // "255.255.255.255" and its terminator
-// The TCP MSS is the profile's mru less the IPv4 and TCP headers.
+// The TCP MSS is the profile's mru less 80, whatever the mru: a margin twice
+// the 40 bytes of the bare IPv4 and TCP headers.
 constexpr int kTcpMssOverhead = 80;
 
 // Dotted-decimal text of an address in network byte order. inet_ntoa hands
@@ -29,18 +30,6 @@ void addr_text(uint32_t addr, char (&text)[kAddrTextSize]) {
 
 // Command results are never examined: a command that fails leaves the
 // interface as it was, and the next step runs regardless.
-
-void write_wan_file(const char* name, const char* text) {
-  char path[kTextBufSize];
-  snprintf(path, sizeof path, wds_paths::kWanFileFmt, g_acIfname, name);
-  WriteToFile(path, text);  // a file that cannot be written is logged there
-}
-
-void wds_notify_cms() {
-  ZUN_MSG_Init(kQmiBusName);  // registered again before each send; a failure shows in the send
-  // Sent once and not confirmed: a "cms" that is not listening misses it.
-  ZUN_MSG_SendMsgData(kCmsBusName, CMS_MSG_WAN_LINK_CHANGED, nullptr, 0);
-}
 
 void wds_link_init() {
   if (g_dial == WDS_DIAL_DEMAND) {
@@ -73,7 +62,7 @@ void wds_link_up() {
 
   // The MSS file is written by the shell, as the gateway's other tools do.
   char path[kTextBufSize];
-  snprintf(path, sizeof path, wds_paths::kWanTcpMssFmt, g_acIfname);
+  snprintf(path, sizeof path, wds_paths::kWanFileFmt, g_acIfname, wds_paths::kWanTcpMss);
   const int32_t mss = static_cast<int32_t>(wan_profile.mru - static_cast<uint32_t>(kTcpMssOverhead));
   snprintf(cmd, sizeof cmd, "echo %d > %s", static_cast<int>(mss), path);
   ZUN_UTIL_ExecCmdNoHang(cmd);
@@ -82,9 +71,9 @@ void wds_link_up() {
   wds_status_write(WDS_STATUS_CONNECTED);
 
   // A setting the call did not give leaves its file as it was.
-  if (link_settings.ipv4_addr != 0) write_wan_file("ipaddr", addr);
-  if (link_settings.subnet_mask != 0) write_wan_file("mask", mask);
-  if (link_settings.gateway != 0) write_wan_file("gateway", gateway);
+  if (link_settings.ipv4_addr != 0) write_wan_file(wds_paths::kWanIpaddr, addr);
+  if (link_settings.subnet_mask != 0) write_wan_file(wds_paths::kWanMask, mask);
+  if (link_settings.gateway != 0) write_wan_file(wds_paths::kWanGateway, gateway);
 
   char dns[kTextBufSize] = {};
   char server[kAddrTextSize];
@@ -96,7 +85,7 @@ void wds_link_up() {
     addr_text(link_settings.secondary_dns, server);
     text_append(dns, sizeof dns, "\nnameserver %s", server);
   }
-  if (dns[0] != '\0') write_wan_file("dns", dns);
+  if (dns[0] != '\0') write_wan_file(wds_paths::kWanDns, dns);
 
   wds_notify_cms();
 }
@@ -116,8 +105,8 @@ void wds_link_down() {
   }
 
   wds_status_write(WDS_STATUS_DISCONNECTED);
-  write_wan_file("ipaddr", "");
-  write_wan_file("mask", "");
+  write_wan_file(wds_paths::kWanIpaddr, "");
+  write_wan_file(wds_paths::kWanMask, "");
   wds_notify_cms();
 
   if (demand) demand_link_publish();

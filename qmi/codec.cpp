@@ -12,8 +12,6 @@ uint16_t g_qmi_error = 0;
 
 namespace {
 
-constexpr uint8_t kResultTlvType = 0x02;
-constexpr uint16_t kResultTlvLen = 4;
 
 uint16_t qmi_next_tx_id() {
   g_tx_id = static_cast<uint16_t>(g_tx_id + 1);
@@ -78,13 +76,13 @@ int unpack_result_code(const uint8_t* tlv, uint32_t avail) {
   uint32_t cursor = 0;
   const uint8_t type = get_byte(tlv, &cursor);
   const uint16_t len = get_word(tlv, &cursor);
-  if (type != kResultTlvType || len != kResultTlvLen) {
+  if (type != kQmiResultTlvType || len != kQmiResultTlvLen) {
     QMI_INFO("unpack_result_code : mismatch(type=0x%0x,len=0x%0x)\n", static_cast<unsigned>(type),
              static_cast<unsigned>(len));
     return -1;
   }
-  if (!qmi_fits(cursor, kResultTlvLen, avail)) {
-    QMI_INFO("unpack_result_code : msg exceeds recv bytes(need %u, recv %u)\n", cursor + kResultTlvLen, avail);
+  if (!qmi_fits(cursor, kQmiResultTlvLen, avail)) {
+    QMI_INFO("unpack_result_code : msg exceeds recv bytes(need %u, recv %u)\n", cursor + kQmiResultTlvLen, avail);
     return -1;
   }
   g_qmi_result = get_word(tlv, &cursor);

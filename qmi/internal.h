@@ -23,6 +23,10 @@ inline constexpr char kQmiModule[] = "wds_msg";
 inline constexpr uint32_t kQmiHeaderSize = 7;
 inline constexpr uint32_t kQmiIdOffset = 3;     // the message identifier's byte; parsers start there
 inline constexpr uint32_t kQmiTlvHeaderSize = 3;
+// The result TLV that every response carries first: type 0x02, a 4-byte value.
+inline constexpr uint8_t kQmiResultTlvType = 0x02;
+inline constexpr uint16_t kQmiResultTlvLen = 4;
+inline constexpr uint32_t kQmiResultTlvSize = kQmiTlvHeaderSize + kQmiResultTlvLen;
 inline constexpr uint32_t kQmiBufSize = 1000;   // request and receive buffers
 
 inline constexpr uint16_t kQmiErrOutOfCall = 15;

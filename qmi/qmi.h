@@ -64,6 +64,8 @@ extern uint8_t g_connection_status_rsp;   // status of the last status response
 extern uint32_t conn_handle;              // packet data handle of the call, 0 when none
 extern uint32_t g_connect_ticks;          // ticks the last start-network response took
 
+// Every request but the start waits this many ticks for its response.
+inline constexpr uint8_t kWdsRequestLimitTicks = 3;
 // 0, -1, or -2 for a time-out. The runtime settings fill link_settings.
 int wds_reset_service();
 int wds_start_network();

@@ -18,9 +18,8 @@ constexpr uint16_t kStatusRspMlen = 11;    // result TLV + status TLV
 constexpr uint8_t kIndStatusTlv = 0x01;
 constexpr uint8_t kIndReasonTlv = 0x10;
 
-constexpr uint32_t kIdAndMlenSize = 4;
-constexpr uint32_t kResultTlvSize = 7;
-constexpr uint32_t kRuntimeFirstTlv = kIdAndMlenSize + kResultTlvSize;
+constexpr uint32_t kIdAndMlenSize = kQmiHeaderSize - kQmiIdOffset;
+constexpr uint32_t kRuntimeFirstTlv = kIdAndMlenSize + kQmiResultTlvSize;
 constexpr uint32_t kUsernameMax = sizeof link_settings.username - 1;
 
 enum : uint8_t {
@@ -66,8 +65,8 @@ void log_qmi_error() {
 int parse_rsp_prologue(const char* parser, const char* what, const uint8_t* p, uint32_t avail, uint32_t* cursor,
                        uint16_t* mlen) {
   if (take_id_and_mlen(parser, p, avail, cursor, mlen) != 0) return refuse_rsp();
-  if (!qmi_fits(*cursor, kResultTlvSize, avail)) {
-    refuse_short(parser, *cursor + kResultTlvSize, avail);
+  if (!qmi_fits(*cursor, kQmiResultTlvSize, avail)) {
+    refuse_short(parser, *cursor + kQmiResultTlvSize, avail);
     return refuse_rsp();
   }
   get_byte(p, cursor);   // type and length of the result TLV: not checked here
@@ -177,7 +176,7 @@ int parse_runtime_rsp(const uint8_t* p, uint32_t avail) {
   // A malformed result TLV leaves the result at failure; its own verdict adds nothing.
   unpack_result_code(p + kIdAndMlenSize, avail - kIdAndMlenSize);
   cursor = kRuntimeFirstTlv;
-  uint16_t remaining = mlen > kResultTlvSize ? static_cast<uint16_t>(mlen - kResultTlvSize) : 0;
+  uint16_t remaining = mlen > kQmiResultTlvSize ? static_cast<uint16_t>(mlen - kQmiResultTlvSize) : 0;
   if (g_qmi_result != 0) {
     log_qmi_error();
     // The modem says there is no call any more.

@@ -18,7 +18,6 @@ uint32_t g_connect_ticks = 0;
 
 namespace {
 
-constexpr uint8_t kWdsRequestLimitTicks = 3;
 constexpr uint8_t kStartNetworkLimitTicks = 120;
 
 constexpr uint8_t kTlvTechPref = 0x30;

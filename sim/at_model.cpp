@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: ISC
 #include "sim/at_model.h"
 
-#include <algorithm>
 #include <cstdio>
 
 #include "sim/text.h"
@@ -65,33 +64,16 @@ std::optional<AtCommand> parse_at_key(std::string_view key) {
   return std::nullopt;
 }
 
-std::string dhcp_line(uint32_t clip, uint32_t mask, uint32_t gate, uint32_t dhcp, uint32_t dns1, uint32_t dns2,
-                      uint32_t rx, uint32_t tx) {
-  return "^DHCP: " + hex8(clip) + "," + hex8(mask) + "," + hex8(gate) + "," + hex8(dhcp) + "," + hex8(dns1) + "," +
-         hex8(dns2) + "," + std::to_string(rx) + "," + std::to_string(tx);
-}
-
-std::vector<std::string> split_blocks(const std::string& text, const std::vector<size_t>& at, size_t every) {
-  std::vector<size_t> cuts;
-  for (size_t c : at)
-    if (c > 0 && c < text.size()) cuts.push_back(c);
-  if (every > 0)
-    for (size_t c = every; c < text.size(); c += every) cuts.push_back(c);
-  std::sort(cuts.begin(), cuts.end());
-  cuts.erase(std::unique(cuts.begin(), cuts.end()), cuts.end());
-  std::vector<std::string> blocks;
-  size_t start = 0;
-  for (size_t c : cuts) {
-    blocks.push_back(text.substr(start, c - start));
-    start = c;
-  }
-  if (start < text.size()) blocks.push_back(text.substr(start));
-  return blocks;
+std::string dhcp_line(const CallAddresses& a) {
+  // The DHCP server is the gateway; the last two are the link's rates.
+  return "^DHCP: " + hex8(a.addr) + "," + hex8(a.mask) + "," + hex8(a.gw) + "," + hex8(a.gw) + "," + hex8(a.dns1) + "," +
+         hex8(a.dns2) + ",150000000,50000000";
 }
 
 AtModel::AtModel(ModemIo io) : io_(std::move(io)) {}
 
-void AtModel::on_write(std::string_view bytes) {
+int AtModel::on_write(std::string_view bytes, int device_errno) {
+  if (device_errno != 0) return device_errno;
   std::vector<std::string> lines;
   {
     std::lock_guard lock(mu_);
@@ -108,6 +90,7 @@ void AtModel::on_write(std::string_view bytes) {
   }
   for (const auto& line : lines)
     if (!line.empty()) handle_line(line);
+  return 0;
 }
 
 void AtModel::handle_line(const std::string& line) {
@@ -123,70 +106,43 @@ void AtModel::handle_line(const std::string& line) {
   if (io_.recorder) io_.recorder->event("at line " + escape(line));
   // The modem echoes what it receives as it arrives, before it thinks.
   std::string echo = settings_.echo ? line + "\r" : "";
-  if (rule.silent) {
-    if (!echo.empty()) send_text(echo, 0);
-    return;
-  }
-  std::string body = answer(cmd, line, rule);
-  if (rule.delay_ms > 0) {
-    if (!echo.empty()) send_text(echo, 0);
-    send_text(body, rule.delay_ms);
-  } else {
-    send_text(echo + body, 0);
-  }
+  send_text(echo + (rule.silent ? "" : answer(cmd, rule)));
 }
 
-std::string AtModel::answer(AtCommand cmd, const std::string& /*line*/, const AtRule& rule) {
+std::string AtModel::answer(AtCommand cmd, const AtRule& rule) {
   if (rule.raw) return *rule.raw;
   std::vector<std::string> info;
-  std::string after;  // reports that follow the final result
   std::string final_result = "OK";
-  bool refused = rule.final == AtRule::Final::kError || rule.final == AtRule::Final::kCme;
-  if (!refused) {
-    switch (cmd) {
-      case AtCommand::kDial:
-        dialled_ = true;
-        dhcp_polls_ = 0;
-        if (settings_.ndisstat) after += framed("^NDISSTAT: 1,,,\"IPV4\"");
-        break;
-      case AtCommand::kHangUp:
-        dialled_ = false;
-        if (settings_.ndisstat) after += framed("^NDISSTAT: 0,,,\"IPV4\"");
-        break;
-      case AtCommand::kDhcp: {
-        bool ready = dialled_ && dhcp_polls_ >= settings_.dhcp_wait;
-        ++dhcp_polls_;
-        const AtSettings& s = settings_;
-        if (ready)
-          info.push_back(dhcp_line(s.addr, s.mask, s.gw, s.gw, s.dns1, s.dns2, s.max_rx, s.max_tx));
-        else if (settings_.dhcp_wait_zero)
-          info.push_back(dhcp_line(0, s.mask, s.gw, s.gw, s.dns1, s.dns2, s.max_rx, s.max_tx));
-        else
-          final_result = "ERROR";
-        break;
-      }
-      case AtCommand::kIpv6Cap:
-        info.push_back("^IPV6CAP: " + std::to_string(settings_.ipv6cap));
-        break;
-      case AtCommand::kEchoOff:
-        settings_.echo = false;
-        break;
-      case AtCommand::kEchoOn:
-        settings_.echo = true;
-        break;
-      case AtCommand::kCmee:
-      case AtCommand::kCurc:
-      case AtCommand::kAt:
-        break;
-      case AtCommand::kOther:
-        final_result = "ERROR";
-        break;
-    }
+  switch (cmd) {
+    case AtCommand::kDial:
+      dialled_ = true;
+      dhcp_polls_ = 0;
+      break;
+    case AtCommand::kHangUp:
+      dialled_ = false;
+      break;
+    case AtCommand::kDhcp:
+      if (dialled_ && dhcp_polls_ >= settings_.dhcp_wait) info.push_back(dhcp_line(settings_));
+      else final_result = "ERROR";
+      ++dhcp_polls_;
+      break;
+    case AtCommand::kIpv6Cap:
+      info.push_back("^IPV6CAP: 1");
+      break;
+    case AtCommand::kEchoOff:
+      settings_.echo = false;
+      break;
+    case AtCommand::kEchoOn:
+      settings_.echo = true;
+      break;
+    case AtCommand::kCmee:
+    case AtCommand::kCurc:
+    case AtCommand::kAt:
+      break;
+    case AtCommand::kOther:
+      final_result = "ERROR";
+      break;
   }
-  if (rule.final == AtRule::Final::kOk) final_result = "OK";
-  if (rule.final == AtRule::Final::kError) final_result = "ERROR";
-  if (rule.final == AtRule::Final::kCme) final_result = "+CME ERROR: " + std::to_string(rule.cme);
-
   std::string text;
   for (const auto& il : interleave_)
     if (il.where == Interleave::Where::kBefore) text += framed(il.text);
@@ -197,11 +153,14 @@ std::string AtModel::answer(AtCommand cmd, const std::string& /*line*/, const At
   for (const auto& il : interleave_)
     if (il.where == Interleave::Where::kAfter) text += framed(il.text);
   interleave_.clear();
-  return text + after;
+  return text;
 }
 
-void AtModel::send_text(std::string text, int delay_ms) {
-  emit_blocks(io_, mu_, epoch_, split_blocks(text, settings_.split_at, settings_.split_every), delay_ms);
+void AtModel::send_text(const std::string& text) {
+  std::vector<std::string> blocks;
+  const size_t step = settings_.split_every > 0 ? settings_.split_every : text.size();
+  for (size_t at = 0; at < text.size(); at += step) blocks.push_back(text.substr(at, step));
+  io_.emit(std::move(blocks));
 }
 
 std::optional<std::string> AtModel::command(const std::vector<std::string>& words) {
@@ -220,21 +179,18 @@ std::optional<std::string> AtModel::command(const std::vector<std::string>& word
     AtRule r;
     for (size_t i = 2; i < words.size(); ++i) {
       auto [k, v] = key_value(words[i]);
-      if (k == "ok" && v.empty()) r.final = AtRule::Final::kOk;
-      else if (k == "error" && v.empty()) r.final = AtRule::Final::kError;
-      else if (k == "cme") {
-        r.final = AtRule::Final::kCme;
-        r.cme = static_cast<int>(need_uint(k, v, 65535));
-      } else if (k == "silent" && v.empty()) r.silent = true;
-      else if (k == "delay") r.delay_ms = static_cast<int>(need_uint(k, v, 3600000));
-      else if (k == "raw") {
+      if (k == "silent" && v.empty()) {
+        r.silent = true;
+      } else if (k == "raw") {
         auto text = unescape(v);
         if (!text) throw CommandError("raw: bad escape");
         r.raw = *text;
       } else if (k == "times") {
         r.times = static_cast<int>(need_uint(k, v, 1000000));
         if (r.times == 0) throw CommandError("times: must be at least 1");
-      } else throw CommandError("unknown rule token '" + words[i] + "'");
+      } else {
+        throw CommandError("unknown rule token '" + words[i] + "'");
+      }
     }
     add_rule(rules_[*cmd], r);
     return "ok";
@@ -243,7 +199,7 @@ std::optional<std::string> AtModel::command(const std::vector<std::string>& word
     if (words.size() < 2) throw CommandError("usage: urc <text>");
     std::string text = framed(rest_of_line(words, 1));
     std::lock_guard lock(mu_);
-    send_text(text, 0);
+    send_text(text);
     return "ok";
   }
   if (verb == "interleave") {
@@ -266,7 +222,7 @@ std::optional<std::string> AtModel::command(const std::vector<std::string>& word
   if (verb == "drop") {
     std::lock_guard lock(mu_);
     dialled_ = false;
-    send_text(framed("^NDISSTAT: 0,,,\"IPV4\""), 0);
+    send_text(framed("^NDISSTAT: 0,,,\"IPV4\""));
     return "ok";
   }
   return std::nullopt;
@@ -276,22 +232,9 @@ bool AtModel::set(const std::string& key, const std::string& value) {
   std::lock_guard lock(mu_);
   AtSettings& s = settings_;
   if (set_call_address(s, key, value)) return true;
-  if (key == "rx") s.max_rx = need_uint(key, value, 0xffffffff);
-  else if (key == "tx") s.max_tx = need_uint(key, value, 0xffffffff);
-  else if (key == "echo") s.echo = need_onoff(key, value);
+  if (key == "echo") s.echo = need_onoff(key, value);
   else if (key == "dhcp-wait") s.dhcp_wait = static_cast<int>(need_uint(key, value, 1000000));
-  else if (key == "dhcp-none") {
-    if (value == "error") s.dhcp_wait_zero = false;
-    else if (value == "zero") s.dhcp_wait_zero = true;
-    else throw CommandError("dhcp-none: expected error or zero");
-  } else if (key == "ipv6cap") s.ipv6cap = static_cast<int>(need_uint(key, value, 1000000));
-  else if (key == "ndisstat") s.ndisstat = need_onoff(key, value);
-  else if (key == "split") {
-    s.split_at.clear();
-    if (value != "off")
-      for (const auto& p : split(value, ',')) s.split_at.push_back(need_uint(key, p, 1u << 20));
-  } else if (key == "split-every") s.split_every = need_uint(key, value, 1u << 20);
-  else if (key == "dialled") dialled_ = need_onoff(key, value);
+  else if (key == "split-every") s.split_every = need_uint(key, value, 1u << 20);
   else return false;
   return true;
 }
@@ -304,17 +247,8 @@ std::string AtModel::describe() {
 
 void AtModel::on_unplug() {
   std::lock_guard lock(mu_);
-  ++epoch_;
   dialled_ = false;
   pending_line_.clear();
-}
-
-void AtModel::reset() {
-  std::lock_guard lock(mu_);
-  ++epoch_;
-  settings_ = AtSettings{};
-  rules_.clear();
-  interleave_.clear();
 }
 
 }  // namespace sim

@@ -15,26 +15,16 @@
 namespace sim {
 
 struct AtSettings : CallAddresses {
-  uint32_t max_rx = 150000000;
-  uint32_t max_tx = 50000000;
   bool echo = false;
-  // "No address yet" for the first dhcp_wait queries after each dial,
-  // answered ERROR or with a ^DHCP line whose address is 0.
+  // "No address yet" (ERROR) for the first dhcp_wait queries after each dial.
   int dhcp_wait = 0;
-  bool dhcp_wait_zero = false;
-  int ipv6cap = 1;
-  bool ndisstat = false;  // ^NDISSTAT report after dial and hang-up
-  // Every answer is cut at these offsets into separate read blocks.
-  std::vector<size_t> split_at;
+  // Every answer is cut into read blocks of this many bytes (0: whole).
   size_t split_every = 0;
 };
 
 struct AtRule {
   int times = -1;
   bool silent = false;
-  int delay_ms = 0;
-  enum class Final { kNormal, kOk, kError, kCme } final = Final::kNormal;
-  int cme = 0;
   std::optional<std::string> raw;  // whole answer text instead
 };
 
@@ -44,27 +34,22 @@ AtCommand classify_at(std::string_view line);
 std::optional<AtCommand> parse_at_key(std::string_view key);
 // "^DHCP: <clip>,<netmask>,<gate>,<dhcp>,<pDNS>,<sDNS>,<max_rx>,<max_tx>":
 // addresses as 8 lower-case hex digits, first pair = first octet.
-std::string dhcp_line(uint32_t clip, uint32_t mask, uint32_t gate, uint32_t dhcp, uint32_t dns1, uint32_t dns2,
-                      uint32_t rx, uint32_t tx);
-// Cuts `text` at the offsets (ascending, in range) and/or every `every`
-// bytes; empty pieces are dropped.
-std::vector<std::string> split_blocks(const std::string& text, const std::vector<size_t>& at, size_t every);
+std::string dhcp_line(const CallAddresses& a);
 
 class AtModel : public Model {
  public:
   explicit AtModel(ModemIo io);
 
-  void on_write(std::string_view bytes) override;
+  int on_write(std::string_view bytes, int device_errno) override;
   std::optional<std::string> command(const std::vector<std::string>& words) override;
   bool set(const std::string& key, const std::string& value) override;
   std::string describe() override;
   void on_unplug() override;
-  void reset() override;
 
  private:
   void handle_line(const std::string& line);
-  std::string answer(AtCommand cmd, const std::string& line, const AtRule& rule);
-  void send_text(std::string text, int delay_ms);
+  std::string answer(AtCommand cmd, const AtRule& rule);
+  void send_text(const std::string& text);
 
   ModemIo io_;
   std::mutex mu_;
@@ -74,7 +59,6 @@ class AtModel : public Model {
   bool dialled_ = false;
   int dhcp_polls_ = 0;
   uint64_t lines_ = 0;
-  uint64_t epoch_ = 0;
   // Reports to put into the next answer: before the first line, before the
   // final result, or after it.
   struct Interleave {

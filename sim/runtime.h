@@ -79,10 +79,11 @@ class Scheduler {
 };
 
 // What a model uses to answer: `emit` queues read blocks on the device (each
-// string is delivered by one read, or packed with others when the device
-// coalesces), `later` runs a function after a delay.
+// string is delivered by one read), `gone` makes the tty go away once the
+// blocks queued so far are read, `later` runs a function after a delay.
 struct ModemIo {
   std::function<void(std::vector<std::string>)> emit;
+  std::function<void()> gone;
   std::function<void(int, std::function<void()>)> later;
   Recorder* recorder = nullptr;
 };
@@ -96,8 +97,11 @@ void emit_blocks(const ModemIo& io, std::mutex& mu, const uint64_t& epoch, std::
 class Model {
  public:
   virtual ~Model() = default;
-  // One write of the client, whole.
-  virtual void on_write(std::string_view bytes) = 0;
+  // One write of the client, whole, and the errno the device fails it with
+  // (0: none). Returns the errno the write fails with, or 0.
+  virtual int on_write(std::string_view bytes, int device_errno) = 0;
+  // A read of the client waiting on the device was ended by a signal.
+  virtual void on_interrupted_read() {}
   // A control command addressed to the model; nullopt when not its own.
   // Throws CommandError on bad arguments.
   virtual std::optional<std::string> command(const std::vector<std::string>& words) = 0;
@@ -107,8 +111,6 @@ class Model {
   virtual std::string describe() = 0;
   // The device went away: calls end, pending answers are forgotten.
   virtual void on_unplug() = 0;
-  // Behaviours and settings back to their defaults.
-  virtual void reset() = 0;
 };
 
 // Helpers for settings parsing; throw CommandError.

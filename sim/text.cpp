@@ -16,27 +16,6 @@ int hex_digit(char c) {
 char lower(char c) { return static_cast<char>(std::tolower(static_cast<unsigned char>(c))); }
 }  // namespace
 
-std::optional<std::string> from_hex(std::string_view text) {
-  std::string out;
-  int high = -1;
-  for (char c : text) {
-    if (c == ' ' || c == '\t' || c == ':' || c == '-') {
-      if (high >= 0) return std::nullopt;  // a separator inside a byte pair
-      continue;
-    }
-    int d = hex_digit(c);
-    if (d < 0) return std::nullopt;
-    if (high < 0) {
-      high = d;
-    } else {
-      out.push_back(static_cast<char>(high << 4 | d));
-      high = -1;
-    }
-  }
-  if (high >= 0) return std::nullopt;
-  return out;
-}
-
 std::vector<std::string> split_words(std::string_view line) {
   std::vector<std::string> words;
   size_t i = 0;
@@ -97,60 +76,6 @@ std::string format_ipv4(uint32_t addr) {
   char buf[16];
   snprintf(buf, sizeof buf, "%u.%u.%u.%u", addr >> 24, addr >> 16 & 0xff, addr >> 8 & 0xff, addr & 0xff);
   return buf;
-}
-
-std::optional<std::string> unescape(std::string_view text) {
-  std::string out;
-  for (size_t i = 0; i < text.size(); ++i) {
-    char c = text[i];
-    if (c != '\\') {
-      out.push_back(c);
-      continue;
-    }
-    if (++i >= text.size()) return std::nullopt;
-    switch (text[i]) {
-      case 'r': out.push_back('\r'); break;
-      case 'n': out.push_back('\n'); break;
-      case 't': out.push_back('\t'); break;
-      case '0': out.push_back('\0'); break;
-      case 's': out.push_back(' '); break;
-      case '\\': out.push_back('\\'); break;
-      case '"': out.push_back('"'); break;
-      case 'x': {
-        if (i + 2 >= text.size()) return std::nullopt;
-        int h = hex_digit(text[i + 1]);
-        int l = hex_digit(text[i + 2]);
-        if (h < 0 || l < 0) return std::nullopt;
-        out.push_back(static_cast<char>(h << 4 | l));
-        i += 2;
-        break;
-      }
-      default: return std::nullopt;
-    }
-  }
-  return out;
-}
-
-std::string escape(std::string_view bytes) {
-  std::string out;
-  for (unsigned char c : bytes) {
-    switch (c) {
-      case '\r': out += "\\r"; break;
-      case '\n': out += "\\n"; break;
-      case '\t': out += "\\t"; break;
-      case '\\': out += "\\\\"; break;
-      case ' ': out += "\\s"; break;
-      default:
-        if (c < 0x20 || c >= 0x7f) {
-          char buf[5];
-          snprintf(buf, sizeof buf, "\\x%02x", c);
-          out += buf;
-        } else {
-          out.push_back(static_cast<char>(c));
-        }
-    }
-  }
-  return out;
 }
 
 bool starts_with_nocase(std::string_view text, std::string_view prefix) {

@@ -5,8 +5,8 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
-#include <termios.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -25,19 +25,6 @@ void fill_attr(struct stat* st) {
   st->st_nlink = 1;
 }
 
-bool is_terminal_ioctl(unsigned cmd) {
-  switch (cmd) {
-    case TCGETS:
-    case TCSETS:
-    case TCSETSW:
-    case TCSETSF:
-    case TCFLSH:
-      return true;
-    default:
-      return false;
-  }
-}
-
 std::string hex_word(unsigned v) {
   char buf[16];
   snprintf(buf, sizeof buf, "0x%08x", v);
@@ -46,8 +33,11 @@ std::string hex_word(unsigned v) {
 
 }  // namespace
 
-TtyDevice::TtyDevice(Recorder* recorder, WriteHandler on_write, UnplugHandler on_unplug)
-    : recorder_(recorder), on_write_(std::move(on_write)), on_unplug_(std::move(on_unplug)) {}
+TtyDevice::TtyDevice(Recorder* recorder, WriteHandler on_write, Handler on_unplug, Handler on_interrupt)
+    : recorder_(recorder),
+      on_write_(std::move(on_write)),
+      on_unplug_(std::move(on_unplug)),
+      on_interrupt_(std::move(on_interrupt)) {}
 
 TtyDevice::~TtyDevice() {
   if (session_) {
@@ -110,10 +100,9 @@ void TtyDevice::op_open(fuse_req_t req, fuse_ino_t, fuse_file_info* fi) {
   uint64_t gen;
   {
     std::lock_guard lock(d->mu_);
-    if (d->open_errno_ != 0) {
-      int err = d->open_errno_;
-      if (d->recorder_) d->recorder_->event("open refused " + std::string(strerrorname_np(err)));
-      fuse_reply_err(req, err);
+    if (d->removed_) {
+      if (d->recorder_) d->recorder_->event("open refused ENODEV");
+      fuse_reply_err(req, ENODEV);
       return;
     }
     gen = d->gen_;
@@ -141,15 +130,20 @@ void TtyDevice::op_flush(fuse_req_t req, fuse_ino_t, fuse_file_info*) { fuse_rep
 
 void TtyDevice::on_interrupt(fuse_req_t req, void* data) {
   TtyDevice* d = static_cast<TtyDevice*>(data);
-  std::lock_guard lock(d->mu_);
-  for (auto it = d->reads_.begin(); it != d->reads_.end(); ++it) {
-    if (it->req == req) {
-      d->reads_.erase(it);
-      ++d->interrupts_;
-      fuse_reply_err(req, EINTR);
-      return;
-    }
+  {
+    std::lock_guard lock(d->mu_);
+    auto it = std::find_if(d->reads_.begin(), d->reads_.end(), [&](const PendingRead& r) { return r.req == req; });
+    if (it == d->reads_.end()) return;
+    d->reads_.erase(it);
+    ++d->interrupts_;
+    fuse_reply_err(req, EINTR);
   }
+  d->interrupted();
+}
+
+// Told without the device's lock: the model may push blocks in answer.
+void TtyDevice::interrupted() {
+  if (on_interrupt_) on_interrupt_();
 }
 
 void TtyDevice::op_read(fuse_req_t req, fuse_ino_t, size_t size, off_t, fuse_file_info* fi) {
@@ -157,21 +151,26 @@ void TtyDevice::op_read(fuse_req_t req, fuse_ino_t, size_t size, off_t, fuse_fil
   // Registered before our lock is taken: libfuse may call it at once, under
   // its own lock, and the callback takes ours.
   fuse_req_interrupt_func(req, on_interrupt, d);
-  std::lock_guard lock(d->mu_);
-  if (fuse_req_interrupted(req)) {
-    ++d->interrupts_;
-    fuse_reply_err(req, EINTR);
-    return;
-  }
-  if (d->dead(fi->fh)) {
-    if (d->dead_eof_)
-      fuse_reply_buf(req, nullptr, 0);
-    else
+  bool died = false;
+  {
+    std::lock_guard lock(d->mu_);
+    if (fuse_req_interrupted(req)) {
+      ++d->interrupts_;
+      fuse_reply_err(req, EINTR);
+    } else if (d->dead(fi->fh)) {
       fuse_reply_err(req, ENODEV);
-    return;
+      return;
+    } else {
+      d->reads_.push_back({req, size, fi->fh});
+      died = d->pump();
+      if (!died) return;
+    }
   }
-  d->reads_.push_back({req, size, fi->fh});
-  d->pump();
+  if (died) {
+    if (d->recorder_) d->recorder_->event("gone");
+  } else {
+    d->interrupted();
+  }
 }
 
 void TtyDevice::op_write(fuse_req_t req, fuse_ino_t, const char* buf, size_t size, off_t, fuse_file_info* fi) {
@@ -183,47 +182,43 @@ void TtyDevice::op_write(fuse_req_t req, fuse_ino_t, const char* buf, size_t siz
       err = ENODEV;
     else if (d->write_errno_ != 0)
       err = d->write_errno_;
-    else
-      ++d->writes_;
   }
   std::string_view data(buf, size);
   if (d->recorder_) d->recorder_->bytes("rx", data);
+  // The answer is queued before the write returns: a client that reads
+  // right after its write finds it, and an unplug that follows the write
+  // cannot be overtaken by it.
+  err = d->on_write_(data, err);
   if (err != 0) {
     if (d->recorder_) d->recorder_->event("write refused " + std::string(strerrorname_np(err)));
     fuse_reply_err(req, err);
     return;
   }
-  // The answer is queued before the write returns: a client that reads
-  // right after its write finds it, and an unplug that follows the write
-  // cannot be overtaken by it.
-  d->on_write_(data);
+  {
+    std::lock_guard lock(d->mu_);
+    ++d->writes_;
+  }
   fuse_reply_write(req, size);
 }
 
 void TtyDevice::op_ioctl(fuse_req_t req, fuse_ino_t, unsigned int cmd, void*, fuse_file_info* fi, unsigned,
                          const void*, size_t, size_t out_bufsz) {
   TtyDevice* d = self(req);
-  uint8_t id;
-  bool is_dead, tty_ok;
+  bool is_dead;
   {
     std::lock_guard lock(d->mu_);
     ++d->ioctls_;
-    id = d->client_id_;
     is_dead = d->dead(fi->fh);
-    tty_ok = d->tty_ok_;
   }
   if (d->recorder_) d->recorder_->event("ioctl " + hex_word(cmd));
+  // Terminal ioctls find no terminal: the daemon is built to live with that.
   if (is_dead) {
     fuse_reply_err(req, ENODEV);
-  } else if (cmd == kIoctlClientId) {
-    if (out_bufsz < 1)
-      fuse_reply_err(req, EINVAL);
-    else
-      fuse_reply_ioctl(req, 0, &id, 1);
-  } else if (is_terminal_ioctl(cmd) && tty_ok) {
-    fuse_reply_ioctl(req, 0, nullptr, 0);
+  } else if (cmd == kIoctlClientId && out_bufsz >= 1) {
+    const uint8_t id = kClientId;
+    fuse_reply_ioctl(req, 0, &id, 1);
   } else {
-    fuse_reply_err(req, ENOTTY);
+    fuse_reply_err(req, cmd == kIoctlClientId ? EINVAL : ENOTTY);
   }
 }
 
@@ -235,7 +230,7 @@ void TtyDevice::op_poll(fuse_req_t req, fuse_ino_t, fuse_file_info* fi, fuse_pol
     revents = POLLIN | POLLERR | POLLHUP;
   } else {
     revents = POLLOUT;
-    if (!d->out_.empty() && !d->hold_) revents |= POLLIN;
+    if (!d->out_.empty()) revents |= POLLIN;
   }
   if (ph != nullptr) {
     if (d->poll_handle_) fuse_pollhandle_destroy(d->poll_handle_);
@@ -252,67 +247,79 @@ void TtyDevice::notify_poll() {
   poll_handle_ = nullptr;
 }
 
-void TtyDevice::pump() {
-  while (!hold_ && !reads_.empty() && !out_.empty()) {
+bool TtyDevice::pump() {
+  while (!reads_.empty() && !out_.empty()) {
+    if (out_.front().gone) {
+      out_.pop_front();
+      kill_handles();
+      return true;
+    }
     PendingRead r = reads_.front();
     reads_.pop_front();
     std::string data;
-    if (out_.front().size() > r.size) {
+    if (out_.front().bytes.size() > r.size) {
       // A block larger than the read: the rest comes with the next read.
-      data = out_.front().substr(0, r.size);
-      out_.front().erase(0, r.size);
+      data = out_.front().bytes.substr(0, r.size);
+      out_.front().bytes.erase(0, r.size);
     } else {
-      data = std::move(out_.front());
+      data = std::move(out_.front().bytes);
       out_.pop_front();
-      while (coalesce_ && !out_.empty() && data.size() + out_.front().size() <= r.size) {
-        data += out_.front();
-        out_.pop_front();
-      }
     }
     ++reads_done_;
     if (recorder_) recorder_->bytes("tx", data);
     fuse_reply_buf(r.req, data.data(), data.size());
   }
+  return false;
 }
 
 void TtyDevice::push(std::vector<std::string> blocks) {
-  std::lock_guard lock(mu_);
-  for (auto& b : blocks)
-    if (!b.empty()) out_.push_back(std::move(b));
-  pump();
-  if (!out_.empty() && !hold_) notify_poll();
+  bool died;
+  {
+    std::lock_guard lock(mu_);
+    for (auto& b : blocks)
+      if (!b.empty()) out_.push_back({std::move(b), false});
+    died = pump();
+    if (!out_.empty()) notify_poll();
+  }
+  if (died && recorder_) recorder_->event("gone");
 }
 
-void TtyDevice::kill_handles(bool eof) {
+void TtyDevice::push_gone() {
+  bool died;
+  {
+    std::lock_guard lock(mu_);
+    out_.push_back({"", true});
+    died = pump();
+    if (!out_.empty()) notify_poll();
+  }
+  if (died && recorder_) recorder_->event("gone");
+}
+
+void TtyDevice::kill_handles() {
   dead_below_ = gen_ + 1;
   ++gen_;
-  dead_eof_ = eof;
   out_.clear();
   while (!reads_.empty()) {
-    PendingRead r = reads_.front();
+    fuse_reply_err(reads_.front().req, ENODEV);
     reads_.pop_front();
-    if (eof)
-      fuse_reply_buf(r.req, nullptr, 0);
-    else
-      fuse_reply_err(r.req, ENODEV);
   }
   notify_poll();
 }
 
-void TtyDevice::unplug(bool eof) {
+void TtyDevice::unplug() {
   {
     std::lock_guard lock(mu_);
-    kill_handles(eof);
+    kill_handles();
   }
-  if (recorder_) recorder_->event(eof ? "unplug eof" : "unplug enodev");
+  if (recorder_) recorder_->event("unplug");
   on_unplug_();
 }
 
-void TtyDevice::remove(int open_errno) {
+void TtyDevice::remove() {
   {
     std::lock_guard lock(mu_);
-    kill_handles(false);
-    open_errno_ = open_errno;
+    kill_handles();
+    removed_ = true;
   }
   if (recorder_) recorder_->event("remove");
   on_unplug_();
@@ -321,53 +328,28 @@ void TtyDevice::remove(int open_errno) {
 void TtyDevice::replug() {
   {
     std::lock_guard lock(mu_);
-    open_errno_ = 0;
+    removed_ = false;
   }
   if (recorder_) recorder_->event("replug");
 }
 
 bool TtyDevice::set(const std::string& key, const std::string& value) {
+  if (key != "write-error") return false;
   std::lock_guard lock(mu_);
-  if (key == "client-id") {
-    client_id_ = static_cast<uint8_t>(need_uint(key, value, 255));
-  } else if (key == "tty") {
-    if (value == "ok") tty_ok_ = true;
-    else if (value == "enotty") tty_ok_ = false;
-    else throw CommandError("tty: expected ok or enotty");
-  } else if (key == "coalesce") {
-    coalesce_ = need_onoff(key, value);
-  } else if (key == "hold") {
-    hold_ = need_onoff(key, value);
-    pump();
-    if (!hold_ && !out_.empty()) notify_poll();
-  } else if (key == "write-error") {
-    write_errno_ = value == "off" ? 0 : static_cast<int>(need_uint(key, value, 4095));
-  } else {
-    return false;
-  }
+  write_errno_ = value == "off" ? 0 : static_cast<int>(need_uint(key, value, 4095));
   return true;
 }
 
 std::string TtyDevice::describe() {
   std::lock_guard lock(mu_);
   size_t queued = 0;
-  for (const auto& b : out_) queued += b.size();
+  for (const auto& b : out_) queued += b.bytes.size();
   return "opens=" + std::to_string(opens_) + " releases=" + std::to_string(releases_) +
          " writes=" + std::to_string(writes_) + " reads=" + std::to_string(reads_done_) +
          " waiting-reads=" + std::to_string(reads_.size()) + " queued=" + std::to_string(out_.size()) +
          " queued-bytes=" + std::to_string(queued) + " interrupts=" + std::to_string(interrupts_) +
-         " ioctls=" + std::to_string(ioctls_) + " removed=" + (open_errno_ ? "1" : "0") +
-         " client-id=" + std::to_string(client_id_);
-}
-
-void TtyDevice::reset() {
-  std::lock_guard lock(mu_);
-  client_id_ = 1;
-  tty_ok_ = false;
-  coalesce_ = false;
-  hold_ = false;
-  write_errno_ = 0;
-  pump();
+         " ioctls=" + std::to_string(ioctls_) + " removed=" + (removed_ ? "1" : "0") +
+         " client-id=" + std::to_string(kClientId);
 }
 
 }  // namespace sim

@@ -22,12 +22,14 @@ inline constexpr unsigned kIoctlClientId = 0xC0017804;  // _IOWR('x', 4, char)
 
 class TtyDevice {
  public:
-  // Called for every write, with the device lock released. Returns 0 or an
-  // errno for the write.
-  using WriteHandler = std::function<void(std::string_view)>;
-  using UnplugHandler = std::function<void()>;
+  // Called for every write, with the device lock released, and with the
+  // errno the device fails it with (0, or ENODEV on a dead handle, or the
+  // write-error setting's). Returns the errno the write fails with, or 0.
+  using WriteHandler = std::function<int(std::string_view, int)>;
+  using Handler = std::function<void()>;
 
-  TtyDevice(Recorder* recorder, WriteHandler on_write, UnplugHandler on_unplug);
+  // on_interrupt: a read waiting on the device was ended by a signal.
+  TtyDevice(Recorder* recorder, WriteHandler on_write, Handler on_unplug, Handler on_interrupt);
   ~TtyDevice();
 
   // Mounts on `path`, which must be an existing regular file. Throws on
@@ -39,23 +41,30 @@ class TtyDevice {
 
   // Queues read blocks for the client.
   void push(std::vector<std::string> blocks);
+  // Once the blocks queued before it are read, the handles die as by
+  // unplug(), untold to the model: the tty goes away under a client that
+  // reads, where a replay's script says so.
+  void push_gone();
 
-  // Every handle open now dies: reads fail with ENODEV (or return 0 with
-  // eof), writes with ENODEV. New opens get a live handle.
-  void unplug(bool eof);
-  // As unplug, and opens fail with `open_errno` until replug().
-  void remove(int open_errno);
+  // Every handle open now dies: reads and writes fail with ENODEV. New opens
+  // get a live handle.
+  void unplug();
+  // As unplug, and opens fail with ENODEV until replug().
+  void remove();
   void replug();
 
   bool set(const std::string& key, const std::string& value);
   std::string describe();
-  void reset();
 
  private:
   struct PendingRead {
     fuse_req_t req;
     size_t size;
     uint64_t gen;
+  };
+  struct Block {
+    std::string bytes;
+    bool gone = false;  // not bytes: the handles die here
   };
 
   static void op_init(void* userdata, fuse_conn_info* conn);
@@ -74,30 +83,27 @@ class TtyDevice {
 
   static TtyDevice* self(fuse_req_t req);
   bool dead(uint64_t gen) const { return gen < dead_below_; }
-  void kill_handles(bool eof);
-  void pump();  // with mu_ held
+  void kill_handles();
+  bool pump();  // with mu_ held; true when the handles died on the way
   void notify_poll();  // with mu_ held
+  void interrupted();  // a waiting read ended with EINTR
 
   Recorder* recorder_;
   WriteHandler on_write_;
-  UnplugHandler on_unplug_;
+  Handler on_unplug_;
+  Handler on_interrupt_;
   fuse_session* session_ = nullptr;
   bool mounted_ = false;
 
   std::mutex mu_;
-  std::deque<std::string> out_;
+  std::deque<Block> out_;
   std::deque<PendingRead> reads_;
   fuse_pollhandle* poll_handle_ = nullptr;
   uint64_t gen_ = 1;         // handed to new opens
   uint64_t dead_below_ = 1;  // handles of older generations are dead
-  bool dead_eof_ = false;
-  int open_errno_ = 0;       // non-zero while removed
-  // Settings.
-  uint8_t client_id_ = 1;
-  bool tty_ok_ = false;
-  bool coalesce_ = false;
-  bool hold_ = false;
-  int write_errno_ = 0;
+  bool removed_ = false;     // opens fail
+  static constexpr uint8_t kClientId = 1;
+  int write_errno_ = 0;      // setting: every write fails with it
   // Counters.
   uint64_t opens_ = 0, releases_ = 0, writes_ = 0, reads_done_ = 0, interrupts_ = 0, ioctls_ = 0;
 };

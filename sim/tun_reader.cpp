@@ -53,29 +53,16 @@ void TunReader::close() {
   if (recorder_) recorder_->event("tun close " + name_);
 }
 
-void TunReader::set_reading(bool on) {
-  reading_ = on;
-  if (fd_ >= 0) {
-    char b = 1;
-    ssize_t n = write(wake_[1], &b, 1);
-    (void)n;
-  }
-}
-
 void TunReader::loop() {
   block_main_signals();
   char packet[65536];
   for (;;) {
-    pollfd fds[2] = {{wake_[0], POLLIN, 0}, {fd_, static_cast<short>(reading_ ? POLLIN : 0), 0}};
+    pollfd fds[2] = {{wake_[0], POLLIN, 0}, {fd_, POLLIN, 0}};
     if (poll(fds, 2, -1) < 0) {
       if (errno == EINTR) continue;
       return;
     }
-    if (fds[0].revents & POLLIN) {
-      char b;
-      if (read(wake_[0], &b, 1) == 1 && b == 0) return;  // 0 asks to stop
-      continue;
-    }
+    if (fds[0].revents & POLLIN) return;  // asked to stop
     if (fds[1].revents & POLLIN) {
       ssize_t n = read(fd_, packet, sizeof packet);
       if (n <= 0) continue;
@@ -87,8 +74,8 @@ void TunReader::loop() {
 }
 
 std::string TunReader::describe() {
-  return "tun=" + std::string(fd_ >= 0 ? name_ : "closed") + " tun-reading=" + (reading_ ? "on" : "off") +
-         " tun-packets=" + std::to_string(packets_.load()) + " tun-bytes=" + std::to_string(bytes_.load());
+  return "tun=" + std::string(fd_ >= 0 ? name_ : "closed") + " tun-packets=" + std::to_string(packets_.load()) +
+         " tun-bytes=" + std::to_string(bytes_.load());
 }
 
 }  // namespace sim

@@ -22,9 +22,6 @@ class TunReader {
   void open(const std::string& name);
   // Closing the descriptor makes the interface disappear.
   void close();
-  bool is_open() const { return fd_ >= 0; }
-  // While not reading, packets queue in the kernel and tx stays put.
-  void set_reading(bool on);
   std::string describe();
 
  private:
@@ -34,7 +31,6 @@ class TunReader {
   int fd_ = -1;
   int wake_[2] = {-1, -1};
   std::thread thread_;
-  std::atomic<bool> reading_{true};
   std::atomic<uint64_t> packets_{0}, bytes_{0};
 };
 

@@ -22,7 +22,7 @@ int WriteToFile(const char* path, const char* text) {
 int wds_status_write(int code) {
   char path[kTextBufSize];
   char text[kTextBufSize];
-  snprintf(path, sizeof path, wds_paths::kWanStatusFmt, g_acIfname);
+  snprintf(path, sizeof path, wds_paths::kWanFileFmt, g_acIfname, wds_paths::kWanStatus);
   snprintf(text, sizeof text, "%d", code);
   // A status that cannot be written is logged by WriteToFile; nothing else to do.
   WriteToFile(path, text);

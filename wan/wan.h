@@ -113,13 +113,18 @@ inline constexpr char kVarLogFileFmt[] = "/var/log/%s";
 inline constexpr char kDhcpResultName[] = "dhcp_result";
 inline constexpr char kIpv6CapName[] = "ipv6cap";
 
-// Per-interface control directory, /var/wan/<ifname>/.
-inline constexpr char kWanConfigFmt[] = "/var/wan/%s/config";
-inline constexpr char kWanDialFmt[] = "/var/wan/%s/dial";
-inline constexpr char kWanStatusFmt[] = "/var/wan/%s/status";
-inline constexpr char kWanPidFmt[] = "/var/wan/%s/pid";
+// Per-interface control directory: each file by its name under
+// /var/wan/<ifname>/, the path built with kWanFileFmt.
 inline constexpr char kWanFileFmt[] = "/var/wan/%s/%s";
-inline constexpr char kWanTcpMssFmt[] = "/var/wan/%s/pppc_tcp_mss";
+inline constexpr char kWanConfig[] = "config";
+inline constexpr char kWanDial[] = "dial";
+inline constexpr char kWanStatus[] = "status";
+inline constexpr char kWanPid[] = "pid";
+inline constexpr char kWanIpaddr[] = "ipaddr";
+inline constexpr char kWanMask[] = "mask";
+inline constexpr char kWanGateway[] = "gateway";
+inline constexpr char kWanDns[] = "dns";
+inline constexpr char kWanTcpMss[] = "pppc_tcp_mss";
 }  // namespace wds_paths
 
 // The daemon's name on the platform message bus.
@@ -135,6 +140,9 @@ inline constexpr size_t kTextBufSize = 128;
 // umask). A symbolic link at the path is refused (ELOOP), not followed; the
 // descriptor is closed on exec. The descriptor, or -1 with errno set.
 int var_file_open(const char* path, int flags);
+// Opens for reading a file the daemon wrote under /var and reads back, with
+// the same refusal of a link; the descriptor, or -1 with errno set.
+int var_file_open_read(const char* path);
 // Writes `text` and then `end` with one call; the result is not checked.
 void var_file_write(int fd, const char* text, const char* end);
 // Replaces the file's content with `text` and a newline; 0, or -1 (logged)

@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "decode/format.h"
+#include "qmi/qmi.h"
 #include "sim/control.h"
 #include "sim/runtime.h"
 #include "sim/text.h"
@@ -138,6 +139,7 @@ class Sandbox {
   // Starts the sandbox and waits until the simulator and the daemon run.
   void start() {
     [[maybe_unused]] static const int subreaper = prctl(PR_SET_CHILD_SUBREAPER, 1);  // see gone()
+    started_us_ = monotonic_us();
     char tmpl[] = "/tmp/wds-e2e.XXXXXX";
     if (!mkdtemp(tmpl) || access(daemon_.c_str(), X_OK) != 0) throw std::runtime_error("no directory or no " + daemon_);
     dir_ = tmpl;
@@ -172,6 +174,7 @@ class Sandbox {
   // directory's final/ and leaves, which ends every process inside.
   void stop() {
     if (runner_pid_ <= 0) return;
+    keep_log();
     try {
       control("init.sock", "shutdown");
     } catch (...) {
@@ -184,6 +187,7 @@ class Sandbox {
   // and so every process of its namespace, is gone.
   bool kill_hard() {
     if (runner_pid_ > 0) {
+      keep_log();
       kill(runner_pid_, SIGKILL);
       waitpid(runner_pid_, nullptr, 0);
     }
@@ -322,17 +326,39 @@ class Sandbox {
     return r == pid || (r < 0 && errno == ECHILD && kill(pid, 0) != 0 && errno == ESRCH);
   }
 
+  // With WDS_E2E_LOGS=DIR in the environment, the daemon's log as it is
+  // when the sandbox ends goes to DIR/<suite>.<test>.<n>.log, and a line
+  // "<that name> <seconds the sandbox ran>" to DIR/durations: the vector
+  // logs of the replay tests (tests/replay/retake.sh).
+  void keep_log() {
+    const char* dir = getenv("WDS_E2E_LOGS");
+    if (kept_ || !dir || !*dir || init_pid_ <= 0) return;
+    kept_ = true;
+    const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
+    std::string name = std::string(test->test_suite_name()) + "." + test->name();
+    if (test->value_param()) name = name.substr(0, name.rfind('/') + 1) + test->value_param();  // the row's name
+    std::ranges::replace(name, '/', '.');
+    static std::map<std::string, int> sandboxes;
+    name += "." + std::to_string(++sandboxes[name]);
+    std::ofstream(std::string(dir) + "/" + name + ".log", std::ios::binary) << log();
+    std::ofstream(std::string(dir) + "/durations", std::ios::app) << name << " " << seconds_since(started_us_) << "\n";
+  }
+
   SandboxOptions opts_;
   std::string daemon_, dir_, ifname_;
   pid_t runner_pid_ = -1, init_pid_ = -1;
+  int64_t started_us_ = 0;
+  bool kept_ = false;
 };
 
 // ---- shared by the daemon scenarios ----
 
-// WDS message identifiers, and the messages "cms" gets: link changed, and
-// the demand link ready with the interface's name in 64 bytes.
-inline constexpr uint16_t kReset = 0x0000, kAbort = 0x0002, kStartNetwork = 0x0020, kStopNetwork = 0x0021,
-                          kPacketStatus = 0x0022, kRuntimeSettings = 0x002D;
+// WDS message identifiers (the daemon's own), and the messages "cms" gets:
+// link changed, and the demand link ready with the interface's name in 64
+// bytes.
+inline constexpr uint16_t kReset = kWdsReset, kAbort = kWdsAbort, kStartNetwork = kWdsStartNetwork,
+                          kStopNetwork = kWdsStopNetwork, kPacketStatus = kWdsPktSrvcStatus,
+                          kRuntimeSettings = kWdsRuntimeSettings;
 inline const std::string kLinkChanged = "qmi 0x11601 0 -";
 inline const std::string kDemandLinkReady = "qmi 0x3d02 64 " + to_hex(std::string("rmnet0") + std::string(58, '\0'));
 

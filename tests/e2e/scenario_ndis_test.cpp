@@ -48,9 +48,9 @@ TEST(Ndis, QuotedProfileCallPollsDhcpHangsUpAndRedialsPastEchoesReportsAndSplitA
   ASSERT_TRUE(sb.wait_until([&] { return lines_equal(sb, kDhcpQuery).size() == 10; }, 90s)) << sb.log();
   // The answer to the next query, the redial's, written out: a report
   // between the reply line and OK, another after it.
-  sb.sim("on dhcp times=1 raw=\\r\\n^RSSI:\\s9\\r\\n\\r\\n"
-         "^DHCP:\\sc0a80001,fffffc00,c0a803fe,c0a803fe,08080404,01000002,150000000,50000000\\r\\n"
-         "\\r\\n^SRVST:\\s2\\r\\n\\r\\nOK\\r\\n\\r\\n^RSSI:\\s10\\r\\n");
+  sb.sim("on dhcp times=1 raw=\\r\\n^RSSI:\\x209\\r\\n\\r\\n"
+         "^DHCP:\\x20c0a80001,fffffc00,c0a803fe,c0a803fe,08080404,01000002,150000000,50000000\\r\\n"
+         "\\r\\n^SRVST:\\x202\\r\\n\\r\\nOK\\r\\n\\r\\n^RSSI:\\x2010\\r\\n");
   ASSERT_TRUE(sb.wait_until([&] { return lines_equal(sb, kHangUp).size() == 1; }, 10s)) << sb.log();
   auto polls = lines_equal(sb, kDhcpQuery);
   auto hangup = lines_equal(sb, kHangUp)[0];
@@ -116,6 +116,42 @@ TEST(Ndis, QuotedProfileCallPollsDhcpHangsUpAndRedialsPastEchoesReportsAndSplitA
   size_t small = 0;  // the reads really were small
   for (const auto& r : sb.device_log()) small += r.kind == "tx" && r.data.size() <= 3;
   EXPECT_GT(small, 20u);
+}
+
+TEST(Ndis, ADhcpReplyFilePlantedAsALinkIsNeitherWrittenNorReadThroughIt) {
+  // Claim: the daemon writes the DHCP reply to /var/log/dhcp_result and
+  // reads it back without following a link planted at that path. Linked to
+  // a file someone else wrote, the daemon neither changes that file nor
+  // configures or publishes its address, gateway and DNS servers; linked to
+  // no file, it creates none. Either way each poll fails as one whose reply
+  // file cannot be opened, and the first poll after the link is gone brings
+  // the call up with the modem's own settings.
+  Sandbox sb({.chip = "1\n", .dial = 3, .start_daemon = false});
+  sb.start();
+  const std::string planted = "^DHCP: 0a000002,ffffff00,0a000001,0a000001,06060606,06060606,0,0\r\n";
+  sb.write("/var/log/planted", planted);
+  sb.run("ln -s /var/log/planted /var/log/dhcp_result");
+  sb.start_daemon();
+  // n more queries, or a call up (which must not come).
+  auto polled = [&](size_t n) {
+    const size_t asked = lines_equal(sb, kDhcpQuery).size() + n;
+    return sb.wait_until([&] { return lines_equal(sb, kDhcpQuery).size() >= asked || sb.read("status") == "3\n"; }, 60s);
+  };
+  ASSERT_TRUE(polled(2)) << sb.log();
+  EXPECT_NE(sb.read("status"), "3\n") << "up with the planted settings: " << sb.read("ipaddr").value_or("");
+  EXPECT_EQ(sb.read("/var/log/planted"), planted);
+  sb.run("ln -sfn /var/log/nowhere /var/log/dhcp_result");
+  ASSERT_TRUE(polled(2)) << sb.log();
+  EXPECT_NE(sb.read("status"), "3\n");
+  EXPECT_FALSE(sb.read("/var/log/nowhere").has_value());
+  EXPECT_EQ(sb.count_log("_ndis_connect : connect successful"), 0);
+  EXPECT_FALSE(contains(addresses(sb), "10.0.0.2"));
+
+  sb.run("rm /var/log/dhcp_result");
+  ASSERT_TRUE(sb.wait_state("status", "3\n", 90s)) << sb.log();
+  EXPECT_TRUE(link_is(sb, true, Settings{}));
+  EXPECT_EQ(sb.read("/var/log/planted"), planted);
+  EXPECT_FALSE(contains(routes(sb) + addresses(sb), "10.0.0.")) << routes(sb);
 }
 
 }  // namespace

@@ -36,7 +36,7 @@ TEST(QmiFaults, AFailedAttemptWithoutAStopIsRetriedAndTheCallComesUp) {
   } cases[] = {
       {"start refused", {"on start fail=14 times=1"}, "g_qmi_error = 14, dscp : Call failed.", kStartNetwork,
        kStartNetwork, 2, 1, true, -0.1, 0.8},
-      {"out of call", {"on runtime fail=15 times=1", "set second-start=accept"}, "g_qmi_error = 15, dscp : Out Of Call.",
+      {"out of call", {"on runtime fail=15 times=1"}, "g_qmi_error = 15, dscp : Out Of Call.",
        kRuntimeSettings, kStartNetwork, 2, 2, true, -0.1, 0.8},
       // At least 3 ticks and the 1-second pause, at most 4 ticks and the pause.
       {"silent settings", {"on runtime silent times=1"}, "read msg timeout, msg_type = 45", kRuntimeSettings,

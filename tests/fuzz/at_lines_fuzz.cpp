@@ -49,6 +49,8 @@ std::vector<std::string> run(const std::vector<std::string>& reads, const char* 
     ret = at_wait_response(&req, &err);
     const at_reply_out& out = req.body.out;
     check(out.response[kAtResponseSize - 1] == '\0' && strnlen(g_at_line_acc, kAtAccumulatorSize) < kAtAccumulatorSize);
+    // A CR taken in a pass is settled in it or left pending for the next one.
+    check(g_at_cr == AT_CR_NONE || g_at_cr == AT_CR_PENDING);
     check(at_rx_ring.wpos >= 0 && at_rx_ring.wpos < kAtRingSize && at_rx_ring.rpos >= 0 && at_rx_ring.rpos < kAtRingSize);
     check(ret == 0 || (ret == -1 && err == ENODEV));
     check(ret != 0 || single_pass || (out.result >= AT_RESULT_OK && out.result <= AT_RESULT_TOO_MANY_PARAMETERS));

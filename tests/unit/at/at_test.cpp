@@ -14,6 +14,28 @@
 #include "tests/unit/support/unit.h"
 
 namespace {
+uint32_t g_slept_ms, g_pauses;  // the pauses asked for, in ms, and their number
+int g_lists;                     // the AT response parser's lists not freed
+}  // namespace
+
+extern "C" int __wrap__Z6msleepj(unsigned ms) {
+  if (++g_pauses > 1000) abort();  // a retry loop that never ends
+  g_slept_ms += ms;
+  return 0;
+}
+extern "C" int __real_at_cmd_parse(at_cmd_field**, const char*, const char*, int, int);
+extern "C" int __wrap_at_cmd_parse(at_cmd_field** head, const char* prefix, const char* text, int selector, int flags) {
+  const int ret = __real_at_cmd_parse(head, prefix, text, selector, flags);
+  if (head != nullptr && *head != nullptr) ++g_lists;
+  return ret;
+}
+extern "C" void __real_free_at_cmd(at_cmd_field*);
+extern "C" void __wrap_free_at_cmd(at_cmd_field* head) {
+  if (head != nullptr) --g_lists;
+  __real_free_at_cmd(head);
+}
+
+namespace {
 
 int g_ret, g_err, g_unread, g_cap, g_timeout, g_save;
 uint32_t g_result, g_word;
@@ -24,7 +46,7 @@ link_settings_t g_record;
 #define STRING_VAR(name, x) Var{name, [] { return x; }, [](const std::string& v) { x = v; }}
 const Vars kVars = {
     NUM_VAR("ret", g_ret),      NUM_VAR("err", g_err),       NUM_VAR("unread", g_unread), NUM_VAR("cap", g_cap),
-    NUM_VAR("timeout", g_timeout), NUM_VAR("save", g_save),  NUM_VAR("result", g_result), NUM_VAR("word", g_word), TEXT_VAR("prefix", g_prefix),
+    NUM_VAR("timeout", g_timeout), NUM_VAR("save", g_save), NUM_VAR("slept", g_slept_ms),  NUM_VAR("result", g_result), NUM_VAR("word", g_word), TEXT_VAR("prefix", g_prefix),
     STRING_VAR("response", g_response), STRING_VAR("taken", g_taken),
     TEXT_VAR("text", g_text),   NUM_VAR("ip", g_record.ipv4_addr), NUM_VAR("mask", g_record.subnet_mask),
     NUM_VAR("gw", g_record.gateway), NUM_VAR("dns1", g_record.primary_dns), NUM_VAR("dns2", g_record.secondary_dns),
@@ -41,6 +63,8 @@ void fresh(const std::string& values) {
   g_ret = g_err = g_unread = g_cap = g_timeout = g_save = g_result = g_word = 0;
   g_response = g_taken = std::string();
   g_prefix[0] = g_text[0] = '\0';
+  g_slept_ms = g_pauses = 0;
+  g_lists = 0;
   g_record = {};
   memset(at_rx_ring.buf, 0, sizeof at_rx_ring.buf);
   log_reset();
@@ -77,7 +101,7 @@ std::function<int()> operation(const std::string& text) {
       {"send", [=] { return send(arg); }},       {"write", [=] { return at_write_command(arg.c_str(), &g_err); }},
       {"read", [] { return at_read_into_ring() + take_all(); }},  {"drain", at_drain_reports},
       {"probe", at_probe_ok},                    {"close", at_port_close},
-      {"cleanup", at_port_cleanup},              {"seq", [] { return static_cast<int>(at_next_seq()); }},
+      {"cleanup", at_port_cleanup},  {"assemble", [] { at_request req = {}; return at_assemble_lines(&req); }},              {"seq", [] { return static_cast<int>(at_next_seq()); }},
       {"dial", [] { return ndis_at_connect(&wan_profile); }},  {"hangup", ndis_at_disconnect},
       {"dup", [=] { return ndis_dup_request(n, &wan_profile, &g_err); }},
       {"add", [=] {
@@ -95,28 +119,33 @@ std::function<int()> operation(const std::string& text) {
       {"ipv6_reply", [=] { return parse_ipv6cap_reply(arg.c_str(), &g_cap); }},
       {"write_file", [=] { return write_var_log_file("small", "%s", arg.c_str()), 0; }},
       {"read_file", [=] { return read_small_file(arg.c_str(), g_text); }},
+      {"tty_open", [=] { int fd = -1; return at_tty_open(arg.c_str(), &fd); }},
   };
   return ops.at(name);
 }
 
-// values before | operation | the modem's script | values after | all it wrote | the log's records
-TEST(At, Operations) {
-  for (const std::string file : {"at/operations.vec", "at/ndis.vec"}) {
-    for (const Vector& v : vectors(file)) {
-      SCOPED_TRACE(v.where);
-      fresh(v[0]);
-      Modem modem(&g_at_fd, at_tick);
-      if (v[2] == "closed") modem.close_daemon_end();
-      g_ret = modem.run(operation(v[1]), Modem::script(v[2] == "closed" ? "" : v[2], unescape));
-      g_unread = modem.unread();
-      check_vars(kVars, v[3]);
-      std::string written;
-      for (const std::string& w : modem.written) written += w;
-      EXPECT_EQ(written, v[4] == "-" ? "" : unescape(v[4]));
-      EXPECT_EQ(log_texts(), v.from(5));
-    }
-  }
+// An operation against the scripted modem; "closed" closes the daemon's end first.
+void run_operation(const Row& row) {
+  fresh(row["before"]);
+  Modem modem(&g_at_fd, at_tick);
+  const bool closed = row["script"] == "closed";
+  if (closed) modem.close_daemon_end();
+  fill_fd0();
+  const int fds = open_fds();
+  free_fd0();
+  g_ret = modem.run(operation(row["operation"]), Modem::script(closed ? "" : row["script"], unescape));
+  EXPECT_LT(open_fds(), fds) << "descriptors left open, 0 among them";
+  fill_fd0();
+  g_unread = modem.unread();
+  check_vars(kVars, row["after"]);
+  std::string written;
+  for (const std::string& w : modem.written) written += w;
+  EXPECT_EQ(written, unescape(row["written"]));
+  EXPECT_EQ(log_texts(), row.from("log"));
+  EXPECT_EQ(g_lists, 0) << "the AT response parser's lists not freed";
 }
+VECTOR_TESTS("At", "at/operations.vec", run_operation);
+VECTOR_TESTS("At", "at/ndis.vec", run_operation);
 
 // Reads of at most 500 bytes: a read takes 511 at most.
 std::vector<Strings> splits(const std::string& bytes, const std::string& how) {
@@ -132,21 +161,19 @@ std::vector<Strings> splits(const std::string& bytes, const std::string& how) {
   return out;
 }
 
-// prefix | the modem's output | values after | response | how the reads split the output
-TEST(At, RepliesHoweverTheReadsSplitThem) {
-  for (const Vector& v : vectors("at/replies.vec")) {
-    for (const Strings& reads : splits(unescape(v[1]), v[4])) {
-      SCOPED_TRACE(v.where + ", reads: " + testing::PrintToString(reads));
-      fresh(v[0] == "-" ? "" : "prefix=" + v[0]);
-      Modem modem(&g_at_fd, at_tick);
-      modem.run([] { return send("AT"); }, {reads});
-      check_vars(kVars, v[2] + " line=");
-      EXPECT_EQ(g_response, v[3] == "-" ? "" : unescape(v[3]));
-      EXPECT_EQ(at_rx_ring.rpos, at_rx_ring.wpos);
-      EXPECT_EQ(modem.written, Strings{"AT\r"});
-    }
+// "AT" answered by the output, however the reads split it.
+VECTOR_TESTS("At", "at/replies.vec", [](const Row& row) {
+  for (const Strings& reads : splits(unescape(row["output"]), row["reads"])) {
+    SCOPED_TRACE("reads: " + testing::PrintToString(reads));
+    fresh(row["prefix"].empty() ? "" : "prefix=" + row["prefix"]);
+    Modem modem(&g_at_fd, at_tick);
+    modem.run([] { return send("AT"); }, {reads});
+    check_vars(kVars, row["after"] + " line=");
+    EXPECT_EQ(g_response, unescape(row["response"]));
+    EXPECT_EQ(at_rx_ring.rpos, at_rx_ring.wpos);
+    EXPECT_EQ(modem.written, Strings{"AT\r"});
   }
-}
+});
 
 // What is left in the ring after a final result answers the next command,
 // also on a port opened anew; a partial line waits in the accumulator.
@@ -182,7 +209,9 @@ TEST(At, WaitWmReadyOpensTheTtyRaw) {
   mkdir("/var/log/ppp_state", 0755);
 
   testing::internal::CaptureStdout();
+  free_fd0();  // the port on descriptor 0
   EXPECT_EQ(wait_wm_ready(), 0);
+  fill_fd0();
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "wait_wm_ready:Ndis tty is opened successfully\n");
   umount2("/dev", MNT_DETACH);
   EXPECT_EQ(read_file("/var/log/ppp_state"), "(none)");
@@ -194,6 +223,20 @@ TEST(At, WaitWmReadyOpensTheTtyRaw) {
   EXPECT_EQ(now.c_cc[VMIN], 3);
   close(slave);
   close(master);
+}
+
+// The port that cannot be opened: three passes of five opens, a second apart
+// (after a second's pause each), and then exactly -1, the failure bring-up
+// looks for.
+TEST(At, WaitWmReadyGivesUpAfterThreePassesOfFiveOpens) {
+  fresh("");
+  ASSERT_EQ(mount("wds-test-dev", "/dev", "tmpfs", 0, "size=64k"), 0);
+  mkdir("/var/log/ppp_state", 0755);
+  EXPECT_EQ(wait_wm_ready(), -1);
+  umount2("/dev", MNT_DETACH);
+  EXPECT_EQ(g_slept_ms, 3 * (1000 + 5 * 1000u));
+  EXPECT_EQ(g_at_fd, -1);
+  EXPECT_EQ(read_file("/var/log/ppp_state"), "(none)");
 }
 
 TEST(At, MissingArgumentsAreRefused) {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: ISC
-// The link module on vector files: command lines, state files, standard
-// output and bus messages of the set-up, configuration and teardown;
-// /proc/net/dev lines; the demand check's steps.
+// The link module on vector files: command lines, state files and bus
+// messages of the set-up, configuration and teardown; /proc/net/dev lines;
+// the demand check's steps.
 #include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
@@ -75,57 +75,53 @@ void fresh(const std::string& values) {
   set_vars(kVars, values);
 }
 
-// values before | operation | values after | standard output | the command lines
-TEST(Link, SetUpConfigurationAndTeardown) {
+// The command lines are what shows: their debug lines on standard output are not checked.
+VECTOR_TESTS("Link", "link/link.vec", [](const Row& row) {
   const std::map<std::string, void (*)()> ops = {{"init", wds_link_init}, {"up", wds_link_up}, {"down", wds_link_down}};
-  for (const Vector& v : vectors("link/link.vec")) {
-    SCOPED_TRACE(v.where);
-    fresh(v[0]);
-    testing::internal::CaptureStdout();
-    ops.at(v[1])();
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), v[3] == "-" ? "" : unescape(v[3]));
-    check_vars(kVars, v[2]);
-    EXPECT_EQ(g_commands, v.from(4));
-  }
-}
+  fresh(row["before"]);
+  testing::internal::CaptureStdout();
+  ops.at(row["operation"])();
+  testing::internal::GetCapturedStdout();
+  check_vars(kVars, row["after"]);
+  EXPECT_EQ(g_commands, row.from("commands"));
+});
 
-// interface | the text of /proc/net/dev | the counters read (a record of 0xA5 bytes before)
-TEST(Link, TrafficCounters) {
-  for (const Vector& v : vectors("link/netdev.vec")) {
-    SCOPED_TRACE(v.where);
-    write_file("/var/netdev", unescape(v[1]));
-    const int fd = open("/var/netdev", O_RDONLY);
-    dev_traffic t;
-    memset(&t, 0xA5, sizeof t);
-    EXPECT_EQ(read_dev_traffic(fd, v[0] == "-" ? "" : v[0].c_str(), &t), 0);
-    close(fd);
-    char got[200];
-    snprintf(got, sizeof got, "rx %u %u %u %u tx %u %u %u %u", t.rx_bytes, t.rx_packets, t.rx_errs, t.rx_drop,
-             t.tx_bytes, t.tx_packets, t.tx_errs, t.tx_drop);
-    EXPECT_EQ(got, v[2]);
-  }
+// The counters read into a record of 0xA5 bytes.
+VECTOR_TESTS("Link", "link/netdev.vec", [](const Row& row) {
+  write_file("/var/netdev", unescape(row["text"]));
+  free_fd0();
+  const int fd = open("/var/netdev", O_RDONLY);
+  dev_traffic t;
+  memset(&t, 0xA5, sizeof t);
+  EXPECT_EQ(read_dev_traffic(fd, row["interface"].c_str(), &t), 0);
+  close(fd);
+  fill_fd0();
+  char got[200];
+  snprintf(got, sizeof got, "rx %u %u %u %u tx %u %u %u %u", t.rx_bytes, t.rx_packets, t.rx_errs, t.rx_drop,
+           t.tx_bytes, t.tx_packets, t.tx_errs, t.tx_drop);
+  EXPECT_EQ(got, row["counters"]);
+});
+
+TEST(Link, TrafficReadersRefuseMissingArguments) {
   dev_traffic t;
   EXPECT_EQ(read_dev_traffic(-1, "rmnet0", &t) + read_dev_traffic(0, nullptr, &t) + read_dev_traffic(0, "rmnet0", nullptr) +
                 get_dev_traffic(nullptr, &t) + get_dev_traffic("rmnet0", nullptr),
             -5);
 }
 
-// values before | the transmitted bytes of rmnet_tarvek0 in /proc/net/dev ("absent": not listed,
-// "none": no file, "reset": the check's reset) | values after
-TEST(Link, DemandCheck) {
+// The reading: the transmitted bytes of rmnet_tarvek0 in /proc/net/dev;
+// "absent": not listed; "none": no file; "reset": the check's reset.
+VECTOR_TESTS("Link", "link/demand.vec", [](const Row& row) {
   ASSERT_EQ(mount("wds-test-proc", "/proc", "tmpfs", 0, "size=1m"), 0);
   mkdir("/proc/net", 0755);
-  for (const Vector& v : vectors("link/demand.vec")) {
-    SCOPED_TRACE(v.where);
-    fresh("ifname=rmnet_tarvek0 " + v[0]);
-    const std::string lines = "H1\nH2\n    lo: 5 5 0 0 0 0 0 0 5 5 0 0\nrmnet0: 1 1 0 0 0 0 0 0 777 1 0 0\n";
-    if (v[1] == "none") unlink("/proc/net/dev");
-    if (v[1] == "absent") write_file("/proc/net/dev", lines);
-    if (isdigit(v[1][0])) write_file("/proc/net/dev", lines + "rmnet_tarvek0: 1 1 0 0 0 0 0 0 " + v[1] + " 1 0 0\n");
-    g_ret = demand_traffic_check(v[1] == "reset");
-    check_vars(kVars, v[2]);
-  }
+  fresh("ifname=rmnet_tarvek0 " + row["before"]);
+  const std::string reading = row["reading"];
+  const std::string lines = "H1\nH2\n    lo: 5 5 0 0 0 0 0 0 5 5 0 0\nrmnet0: 1 1 0 0 0 0 0 0 777 1 0 0\n";
+  if (reading == "absent") write_file("/proc/net/dev", lines);
+  if (isdigit(reading[0])) write_file("/proc/net/dev", lines + "rmnet_tarvek0: 1 1 0 0 0 0 0 0 " + reading + " 1 0 0\n");
+  g_ret = demand_traffic_check(reading == "reset");
+  check_vars(kVars, row["after"]);
   umount2("/proc", MNT_DETACH);
-}
+});
 
 }  // namespace

@@ -12,11 +12,15 @@ namespace {
 
 const std::string kLog = "/var/log/wds.log";
 
+// The log file before: "" for none.
 void fresh(const std::string& file) {
   log_reset();
+  ASSERT_EQ(log_fd, -1);
   reset_var("rmnet0");
-  if (file != "-") write_file(kLog, unescape(file));
+  if (!file.empty()) write_file(kLog, unescape(file));
+  free_fd0();  // the log on descriptor 0
   ASSERT_GE(log_open(), 0);
+  fill_fd0();
 }
 
 void act(const std::string& action) {
@@ -32,21 +36,17 @@ void act(const std::string& action) {
   if (name == "link" && symlink(arg.c_str(), kLog.c_str()) != 0) ADD_FAILURE() << "no link";
 }
 
-// log_bytes before | the file before | what happens ("; " apart) | the file after | log_bytes after | the log open
-TEST(Log, RecordsAndDumps) {
-  for (const Vector& v : vectors("log/log.vec")) {
-    SCOPED_TRACE(v.where);
-    fresh(v[1]);
-    write_file("/var/log/target", "kept");
-    log_bytes = std::stoi(v[0]);
-    for (const std::string& action : split(v[2], "; ")) act(action);
-    EXPECT_EQ(read_file(kLog), unescape(v[3]));
-    EXPECT_EQ(log_bytes, std::stoi(v[4]));
-    EXPECT_EQ(log_fd >= 0, v[5] != "closed");
-    EXPECT_EQ(read_file("/var/log/target"), "kept");
-    log_close();
-  }
-}
+VECTOR_TESTS("Log", "log/log.vec", [](const Row& row) {
+  fresh(row["file"]);
+  write_file("/var/log/target", "kept");
+  log_bytes = std::stoi(row["log_bytes"]);
+  for (const std::string& action : split(row["actions"], "; ")) act(action);
+  EXPECT_EQ(read_file(kLog), unescape(row["file_after"]));
+  EXPECT_EQ(log_bytes, std::stoi(row["log_bytes_after"]));
+  EXPECT_EQ(log_fd >= 0, row["open"] != "closed");
+  EXPECT_EQ(read_file("/var/log/target"), "kept");
+  log_close();
+});
 
 // The log holds credentials: root's alone whatever the umask, also a log an
 // older build left readable by all, and not inherited by the commands the
@@ -60,13 +60,16 @@ TEST(Log, CreatedForRootAlone) {
       write_file(kLog, "old\n");
       chmod(kLog.c_str(), 0644);
     }
+    free_fd0();  // the log on descriptor 0
     ASSERT_GE(log_open(), 0);
+    fill_fd0();
     umask(saved_umask);
     struct stat st = {};
     ASSERT_EQ(lstat(kLog.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode, S_IFREG | 0600u) << left_by_older_build;
     EXPECT_EQ(fcntl(log_fd, F_GETFD), FD_CLOEXEC);
-    log_close();
+    log_reset();
+    EXPECT_EQ(log_fd, -1);
   }
 }
 

@@ -48,25 +48,23 @@ std::string dump_row(const std::string& msg) {
   return row;
 }
 
-// parser and bytes | values after | the log
-TEST(Qmi, Parsers) {
+// A parser on exactly the bytes received.
+VECTOR_TESTS("Qmi", "qmi/parsers.vec", [](const Row& row) {
   const std::map<std::string, int (*)(const uint8_t*, uint32_t)> parsers = {
       {"result", unpack_result_code}, {"connect", parse_connect_rsp},   {"status", parse_status_rsp},
       {"indication", parse_srvc_status_ind}, {"runtime", parse_runtime_rsp}};
-  for (const Vector& v : vectors("qmi/parsers.vec")) {
-    SCOPED_TRACE(v.where);
-    fresh("handle=0x55555555 rsp=1 result=0 error=9 status=2");
-    memset(&link_settings, 0xA5, sizeof link_settings);
-    const std::string name = v[0].substr(0, v[0].find(' ')), text = hex(v[0].substr(name.size()));
-    const std::vector<uint8_t> bytes(text.begin(), text.end());  // exactly what arrived
-    g_ret = parsers.at(name)(bytes.data(), static_cast<uint32_t>(bytes.size()));
-    check_vars(kVars, v[1]);
-    EXPECT_EQ(log_texts(), v.from(2));
-  }
-}
+  fresh("handle=0x55555555 rsp=1 result=0 error=9 status=2");
+  memset(&link_settings, 0xA5, sizeof link_settings);
+  const std::string name = row["parser"].substr(0, row["parser"].find(' '));
+  const std::string text = hex(row["parser"].substr(name.size()));
+  const std::vector<uint8_t> bytes(text.begin(), text.end());  // exactly what arrived
+  g_ret = parsers.at(name)(bytes.data(), static_cast<uint32_t>(bytes.size()));
+  check_vars(kVars, row["after"]);
+  EXPECT_EQ(log_texts(), row.from("log"));
+});
 
-// values before | request | the modem's answers | values after | the messages written | standard output
-TEST(Qmi, WaitsAndRequests) {
+// A request, or a wait, against the scripted modem.
+void run_request(const Row& row) {
   std::map<std::string, std::function<int()>> calls = {
       {"reset", wds_reset_service},   {"start", wds_start_network},          {"stop", wds_stop_network},
       {"status", wds_get_srv_state},  {"runtime", wds_get_runtime_settings}, {"abort 0001", [] { return wds_abort(1); }},
@@ -77,38 +75,45 @@ TEST(Qmi, WaitsAndRequests) {
     snprintf(name, sizeof name, "response %04X", id);
     calls[name] = [id] { const qmi_expect expect = {kQmiCtlResponse, 1, id}; return read_msg(&expect, 3); };
   }
-  for (const std::string file : {"qmi/waits.vec", "qmi/requests.vec"}) {
-    for (const Vector& v : vectors(file)) {
-      SCOPED_TRACE(v.where);
-      fresh(v[0]);
-      Modem modem(&qmitty_fd, tick);
-      if (v[2] == "closed") modem.close_daemon_end();
-      testing::internal::CaptureStdout();
-      g_ret = modem.run(calls.at(v[1]), Modem::script(v[2] == "closed" ? "" : v[2], hex));
-      const std::string printed = testing::internal::GetCapturedStdout();
-      g_ticks = modem.ticks;
-      g_unread = modem.unread();
-      const Strings texts = log_texts();
-      g_dumps = modem.written.empty() ? 0 : std::count(texts.begin(), texts.end(), dump_row(modem.written[0]));
-      check_vars(kVars, v[3]);
-      Strings written;
-      for (const std::string& msg : split(v[4], " / ")) written.push_back(hex(msg));
-      EXPECT_EQ(modem.written, written);
-      EXPECT_EQ(printed, v[5] == "-" ? "" : unescape(v[5]));
-      expect_logged(v.from(6));
-    }
-  }
+  fresh(row["before"]);
+  Modem modem(&qmitty_fd, tick);
+  const bool closed = row["answers"] == "closed";
+  if (closed) modem.close_daemon_end();
+  testing::internal::CaptureStdout();
+  g_ret = modem.run(calls.at(row["request"]), Modem::script(closed ? "" : row["answers"], hex));
+  const std::string printed = testing::internal::GetCapturedStdout();
+  g_ticks = modem.ticks;
+  g_unread = modem.unread();
+  const Strings texts = log_texts();
+  g_dumps = modem.written.empty() ? 0 : std::count(texts.begin(), texts.end(), dump_row(modem.written[0]));
+  check_vars(kVars, row["after"]);
+  Strings written;
+  for (const std::string& msg : split(row["written"], " / ")) written.push_back(hex(msg));
+  EXPECT_EQ(modem.written, written);
+  EXPECT_EQ(printed, unescape(row["stdout"]));
+  expect_logged(row.from("log"));
 }
+VECTOR_TESTS("Qmi", "qmi/waits.vec", run_request);
+VECTOR_TESTS("Qmi", "qmi/requests.vec", run_request);
 
-// The readers refuse a missing message or cursor: 0, logged.
+// The readers refuse a missing message or cursor: 0, logged; the sender a
+// missing message or a negative length.
 TEST(Qmi, ReadersRefuseNullPointers) {
   fresh("");
   const uint8_t bytes[4] = {1, 2, 3, 4};
   uint32_t cursor = 0;
   EXPECT_EQ(get_byte(nullptr, &cursor) + get_word(nullptr, &cursor) + get_double_word(bytes, nullptr), 0u);
   EXPECT_EQ(get_word(bytes, &cursor), 0x0102);
+  const uint8_t words[7] = {0xDE, 0xAD, 0xBE, 0xEF, 0x12, 0x34, 0x56};
+  cursor = 0;
+  EXPECT_EQ(get_double_word(words, &cursor), 0xDEADBEEFu);
+  EXPECT_EQ(get_byte(words, &cursor), 0x12);  // each reader moves the cursor past what it read
+  EXPECT_EQ(get_word(words, &cursor), 0x3456);
+  EXPECT_EQ(cursor, 7u);
   EXPECT_EQ(log_texts(), (Strings{"get_byte: param error. errno", "get_word: param error. errno",
                                   "get_double_word: param error. errno"}));
+  EXPECT_EQ(send_msg(nullptr, 7), -1);
+  EXPECT_EQ(send_msg(bytes, -1), -1);
 }
 
 // A write a tick interrupts is made again, dumped again.

@@ -59,10 +59,11 @@ int demand_traffic_check(int reset) {
 namespace {
 
 constexpr const char* kStates[] = {"init", "ready", "connecting", "connected", "disconnected", "idle", "exit"};
-int g_next, g_seconds;
+int g_seconds, g_ret;  // g_ret: what the last action that returns something returned
+std::string g_path;  // the states a walk went through, after the one it started from
 
 const Vars kVars = {
-    Var{"next", [] { return std::string(kStates[g_next]); }, nullptr}, NUM_VAR("seconds", g_seconds),
+    Var{"path", [] { return g_path; }, nullptr}, NUM_VAR("seconds", g_seconds), NUM_VAR("ret", g_ret),
     NUM_VAR("dial", g_dial),        NUM_VAR("connected", g_connected),   NUM_VAR("lost", g_link_lost),
     NUM_VAR("idle_timeout", g_idle_timeout), NUM_VAR("ndis", g_ndis_mode), NUM_VAR("marked", ndis_ctx.connected),
     NUM_VAR("demand", g_demand_dial), NUM_VAR("reinit", g_reinit_req),  NUM_VAR("tick", g_tick),
@@ -73,10 +74,18 @@ const Vars kVars = {
     Var{"events", [] {  // the pending events in order; set: each posted
           std::string out;
           for (uint32_t at = qmi_event_queue.head; at != qmi_event_queue.tail; at = (at + 1) % kEventRingSlots) {
-            out += (out.empty() ? "" : ",") + std::to_string(qmi_event_queue.slot[at]);
+            if (!out.empty()) out += ',';
+            out += std::to_string(qmi_event_queue.slot[at]);
           }
           return out;
         }, [](const std::string& v) { for (auto& c : split(v, ",")) qmi_event_post(std::stoul(c)); }},
+    Var{"alarm_mask", [] {  // which of HUP, INT, TERM and CHLD the tick's handler holds off
+          struct sigaction now = {};
+          sigaction(SIGALRM, nullptr, &now);
+          std::string out;
+          for (int sig : {SIGHUP, SIGINT, SIGTERM, SIGCHLD}) out += sigismember(&now.sa_mask, sig) ? "1" : "0";
+          return out;
+        }, nullptr},
     Var{"interval", [] { itimerval t; getitimer(ITIMER_REAL, &t); return std::to_string(t.it_interval.tv_sec); }, nullptr},
     NUM_VAR("bring_up", fake.bring_up), NUM_VAR("connect", fake.connect), NUM_VAR("srv", fake.srv),
     NUM_VAR("srv_status", fake.srv_status), NUM_VAR("post_mid", fake.post_mid),
@@ -89,6 +98,8 @@ void fresh(const std::string& values) {
   wds_core_reset();
   qmi_event_ring_reset();
   fake = {};
+  g_path.clear();
+  g_ret = -9;
   fake.srv_status = 2;
   g_connection_status_rsp = 1;
   g_wait_ticks = 0;
@@ -107,36 +118,39 @@ void wake_soon() {
   setitimer(ITIMER_REAL, &once, nullptr);
 }
 
+// "walk STATE N": N steps of the machine from STATE, each state taking the
+// one the step before returned; or one of the actions below.
 void act(const std::string& action) {
-  const std::string name = action.substr(0, action.find(' '));
-  const int n = name.size() < action.size() ? std::stoi(action.substr(name.size() + 1)) : 0;
-  const auto state = std::find(std::begin(kStates), std::end(kStates), name);
-  if (state != std::end(kStates)) {
-    wake_soon();
-    g_next = wds_state_step(static_cast<int>(state - std::begin(kStates)));
-  } else {
-    const std::map<std::string, std::function<void()>> actions = {
-        {"tick", [] { qmi_timer_handle(SIGALRM); }},  {"drain", qmi_event_drain},
-        {"idle_event", qmi_event_demand_idle_handle}, {"print", [=] { wds_state_print(n); }},
-        {"timer_start", [] { wds_timer_start(); }},   {"timer_stop", [] { wds_timer_stop(); }},
-        {"signal", [=] { raise(n); }},                {"notes", wds_report_signal_notes}};
-    actions.at(name)();
+  const Strings words = split(action, " ");
+  const int n = words.size() > 1 ? std::stoi(words.back()) : 0;
+  if (words[0] == "walk") {
+    int state = static_cast<int>(std::find(std::begin(kStates), std::end(kStates), words[1]) - std::begin(kStates));
+    for (int step = 0; step < std::stoi(words[2]); ++step) {
+      wake_soon();
+      state = wds_state_step(state);
+      if (!g_path.empty()) g_path += ',';
+      g_path += kStates[state];
+    }
+    return;
   }
+  const std::map<std::string, std::function<void()>> actions = {
+      {"tick", [] { qmi_timer_handle(SIGALRM); }},  {"drain", qmi_event_drain},
+      {"idle_event", qmi_event_demand_idle_handle}, {"print", [=] { g_ret = wds_state_print(n); }},
+      {"timer_start", [] { g_ret = wds_timer_start(); }},   {"timer_stop", [] { g_ret = wds_timer_stop(); }},
+      {"signal", [=] { raise(n); }},                {"notes", wds_report_signal_notes}};
+  actions.at(words[0])();
 }
 
-// values before | actions ("; " apart) | values after | the fakes' calls | the log's records
-TEST(StateMachine, Steps) {
-  for (const Vector& v : vectors("state_machine/steps.vec")) {
-    SCOPED_TRACE(v.where);
-    fresh(v[0]);
-    const auto start = std::chrono::steady_clock::now();
-    for (const std::string& action : split(v[1], "; ")) act(action);
-    g_seconds = static_cast<int>((std::chrono::steady_clock::now() - start) / std::chrono::seconds(1));
-    check_vars(kVars, v[2]);
-    EXPECT_EQ(fake.calls, v[3] == "-" ? "" : v[3] + " ");
-    EXPECT_EQ(log_texts(), v.from(4));
-  }
-}
+// Actions "; " apart, then the fakes' calls and the log's records.
+VECTOR_TESTS("StateMachine", "state_machine/steps.vec", [](const Row& row) {
+  fresh(row["before"]);
+  const auto start = std::chrono::steady_clock::now();
+  for (const std::string& action : split(row["actions"], "; ")) act(action);
+  g_seconds = static_cast<int>((std::chrono::steady_clock::now() - start) / std::chrono::seconds(1));
+  check_vars(kVars, row["after"]);
+  EXPECT_EQ(fake.calls, row["calls"].empty() ? "" : row["calls"] + " ");
+  EXPECT_EQ(log_texts(), row.from("log"));
+});
 
 // The way out: the call hung up in its mode and torn down, the pid file
 // removed, exit status 0.

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: ISC
 #include "unit.h"
 
+#include "decode/notation.h"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
@@ -18,8 +20,6 @@
 #include <sstream>
 
 namespace {
-// Opened before the tmpfs covers /var: the source tree may lie below it.
-const int g_vector_dir = open(WDS_TEST_VECTORS, O_PATH | O_DIRECTORY | O_CLOEXEC);
 void (*g_on_tick)() = nullptr;
 std::atomic<int> g_ticks_handled{0};
 }  // namespace
@@ -42,6 +42,18 @@ void reset_var(const char* ifname) {
   }
 }
 
+void free_fd0() { close(0); }
+
+void fill_fd0() {
+  if (fcntl(0, F_GETFD) < 0) open("/dev/null", O_RDONLY);  // takes the lowest free descriptor, 0
+}
+
+int open_fds() {
+  int n = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) n += entry.exists() ? 1 : 0;
+  return n;
+}
+
 int bus_peer(const char* name) {
   const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   sockaddr_un addr = {};
@@ -51,20 +63,129 @@ int bus_peer(const char* name) {
   return fd;
 }
 
-std::vector<Vector> vectors(const std::string& name) {
-  std::vector<Vector> out;
-  const int fd = openat(g_vector_dir, name.c_str(), O_RDONLY | O_CLOEXEC);
-  std::string text(1 << 20, '\0');  // a vector file is far smaller
-  text.resize(std::max<ssize_t>(read(fd, text.data(), text.size()), 0));
-  close(fd);
-  std::istringstream in(text);
+std::string Row::operator[](const std::string& column) const {
+  const auto at = std::find(columns.begin(), columns.end(), column);
+  if (at == columns.end()) {
+    ADD_FAILURE() << "no column " << column;
+    return "";
+  }
+  const size_t i = static_cast<size_t>(at - columns.begin());
+  return i < fields.size() && fields[i] != "-" ? fields[i] : "";
+}
+
+Strings Row::from(const std::string& column) const {
+  Strings out;
+  const size_t first = static_cast<size_t>(std::find(columns.begin(), columns.end(), column) - columns.begin());
+  for (size_t i = first; i < fields.size(); ++i) {
+    if (fields[i] != "-") out.push_back(fields[i]);
+  }
+  return out;
+}
+
+namespace {
+
+struct VectorSuite {
+  const char* suite;
+  const char* file;
+  std::function<void(const Row&)> body;
+};
+std::vector<VectorSuite>& vector_suites() {
+  static std::vector<VectorSuite> suites;
+  return suites;
+}
+
+// A vector file's rows, each with its continuation lines joined before it is
+// split into fields; the columns from the file's first line.
+std::vector<Row> read_rows(const std::string& file) {
+  std::ifstream in(std::string(WDS_TEST_VECTORS) + "/" + file);
+  std::vector<Row> rows;
+  Strings columns;
   int n = 0;
   for (std::string line; std::getline(in, line);) {
     ++n;
-    if (!line.empty() && line[0] != '#') out.push_back({name + ":" + std::to_string(n), split(line, " | ")});
+    if (n == 1 && line.starts_with("columns: ")) {
+      columns = split(line.substr(9), " | ");
+      if (!columns.empty() && columns.back().ends_with("...")) columns.back().resize(columns.back().size() - 3);
+    } else if (line.starts_with(" ") && !rows.empty()) {
+      rows.back().fields.back().append(1, ' ').append(line, line.find_first_not_of(' '));
+    } else if (!line.empty() && line[0] != '#') {
+      rows.push_back({file + ":" + std::to_string(n), columns, {line}});
+    }
   }
-  EXPECT_FALSE(out.empty()) << name;
+  for (Row& row : rows) row.fields = split(row.fields[0], " | ");
+  if (columns.empty() || rows.empty()) {
+    fprintf(stderr, "%s: no rows, or no \"columns: \" line first\n", file.c_str());
+    exit(1);
+  }
+  return rows;
+}
+
+class VectorTest : public testing::Test {
+ public:
+  VectorTest(const VectorSuite& suite, Row row) : suite_(suite), row_(std::move(row)) {}
+  void TestBody() override {
+    std::string text;
+    for (const std::string& f : row_.fields) text += (text.empty() ? "" : " | ") + f;
+    const size_t colon = row_.where.rfind(':');
+    testing::ScopedTrace trace(row_.where.substr(0, colon).c_str(), std::stoi(row_.where.substr(colon + 1)), text);
+    suite_.body(row_);
+  }
+
+ private:
+  const VectorSuite& suite_;
+  Row row_;
+};
+
+// Each row a test, before the filter picks what runs.
+void register_rows() {
+  for (const VectorSuite& suite : vector_suites()) {
+    const std::string file = suite.file;
+    const size_t slash = file.rfind('/') + 1;
+    const std::string stem = file.substr(slash, file.rfind('.') - slash);
+    for (const Row& row : read_rows(file)) {
+      const int line = std::stoi(row.where.substr(row.where.rfind(':') + 1));
+      testing::RegisterTest(suite.suite, (stem + "_" + std::to_string(line)).c_str(), nullptr, nullptr, suite.file,
+                            line, [&suite, row]() -> testing::Test* { return new VectorTest(suite, row); });
+    }
+  }
+}
+
+// The repetition shorthand, expanded before the notation is read.
+std::string expand_text_runs(const std::string& text) {
+  std::string out;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text.compare(i, 2, "\\*") == 0) {
+      size_t digits = 0;
+      const int times = std::stoi(text.substr(i + 2), &digits);
+      const size_t at = i + 2 + digits;
+      const size_t len = text[at] != '\\' ? 1 : text[at + 1] == 'x' ? 4 : 2;
+      for (int k = 0; k < times; ++k) out += text.substr(at, len);
+      i = at + len - 1;
+    } else {
+      out += text[i];
+      if (text[i] == '\\' && i + 1 < text.size()) out += text[++i];  // an escaped backslash starts no run
+    }
+  }
   return out;
+}
+
+std::string expand_hex_runs(const std::string& text) {
+  std::string out;
+  std::istringstream words(text);
+  for (std::string word; words >> word;) {
+    const size_t star = word.find('*');
+    for (int n = star == std::string::npos ? 1 : std::stoi(word.substr(star + 1)); n > 0; --n) {
+      out += word.substr(0, star) + " ";
+    }
+  }
+  return out;
+}
+
+}  // namespace
+
+bool register_vector_tests(const char* suite, const char* file, std::function<void(const Row&)> body) {
+  vector_suites().push_back({suite, file, std::move(body)});
+  return true;
 }
 
 Strings split(const std::string& text, const std::string& separator) {
@@ -79,42 +200,15 @@ Strings split(const std::string& text, const std::string& separator) {
 }
 
 std::string unescape(const std::string& text) {
-  std::string out;
-  for (size_t i = 0; i < text.size(); ++i) {
-    if (text[i] != '\\' || i + 1 == text.size()) {
-      out += text[i];
-      continue;
-    }
-    const char c = text[++i];
-    if (c == '*') {
-      size_t digits = 0;
-      const int times = std::stoi(text.substr(i + 1), &digits);
-      const size_t at = i + 1 + digits, len = text[at] != '\\' ? 1 : text[at + 1] == 'x' ? 4 : 2;
-      const std::string item = unescape(text.substr(at, len));
-      for (int k = 0; k < times; ++k) out += item;
-      i = at + len - 1;
-    } else if (c == 'x') {
-      out += static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16));
-      i += 2;
-    } else {
-      out += c == 'r' ? '\r' : c == 'n' ? '\n' : c == 't' ? '\t' : c == '0' ? '\0' : c;
-    }
-  }
-  return out;
+  const auto out = notation::unescape(expand_text_runs(text));
+  if (!out) ADD_FAILURE() << "not a text with C escapes: " << text;
+  return out.value_or("");
 }
 
 std::string hex(const std::string& text) {
-  std::string out;
-  std::istringstream words(text);
-  for (std::string word; words >> word;) {
-    const size_t star = word.find('*');
-    std::string bytes;
-    for (size_t i = 0; i + 1 < std::min(star, word.size()); i += 2) {
-      bytes += static_cast<char>(std::stoi(word.substr(i, 2), nullptr, 16));
-    }
-    for (int n = star == std::string::npos ? 1 : std::stoi(word.substr(star + 1)); n > 0; --n) out += bytes;
-  }
-  return out;
+  const auto out = notation::from_hex(expand_hex_runs(text));
+  if (!out) ADD_FAILURE() << "not hex: " << text;
+  return out.value_or("");
 }
 
 Strings log_texts() {
@@ -312,6 +406,7 @@ void Modem::tick() {
 // paths and bus names are the test's alone (needs root).
 int main(int argc, char** argv) {
   testing::InitGoogleTest(&argc, argv);
+  register_rows();  // read before the tmpfs covers /var, under which the sources may lie
   if (GTEST_FLAG_GET(list_tests)) return RUN_ALL_TESTS();
   if (unshare(CLONE_NEWNS | CLONE_NEWNET) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
       mount("wds-test-var", "/var", "tmpfs", 0, "size=16m,mode=0755") != 0) {

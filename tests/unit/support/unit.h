@@ -23,23 +23,50 @@ std::string read_file(const std::string& path);  // "(none)" when it cannot be r
 void write_file(const std::string& path, const std::string& text);
 // /var/log and /var/wan/<ifname>/ emptied.
 void reset_var(const char* ifname);
+// Descriptors this process holds.
+int open_fds();
+// Standard input closed, so that the next file opened is descriptor 0, as
+// it is in a daemon an init system started with its standard input closed:
+// a valid descriptor that no check may take for closed. fill_fd0() puts
+// /dev/null back.
+void free_fd0();
+void fill_fd0();
 // A peer of the platform's message bus, bound under this name; its socket.
 int bus_peer(const char* name);
 
-// A vector file under tests/unit: one case per line, fields separated by
-// " | ", lines starting with '#' and blank lines skipped.
-struct Vector {
+// ---- Vector files ------------------------------------------------------------
+// A vector file under tests/unit opens with the line naming its columns,
+// "columns: before | operation | after | log...", where a last column marked
+// "..." takes every field from there on. Then one case per line, fields
+// separated by " | ", "-" for a field with nothing in it; lines starting with
+// '#' and blank lines are skipped, and a line that starts with blanks
+// continues the row above (joined with one blank), so that long hex or a
+// long row can wrap. Each row is a test of its own, Suite.<file's
+// stem>_<line> (ctest -R 'At.ndis_12$' runs one alone), that names its file
+// and line when it fails. VECTOR_TESTS("Suite", "folder/file.vec", body)
+// in a runner registers a file's rows.
+struct Row {
   std::string where;  // file:line
-  Strings f;
-  std::string operator[](size_t i) const { return i < f.size() ? f[i] : ""; }
-  Strings from(size_t i) const { return i < f.size() ? Strings(f.begin() + i, f.end()) : Strings{}; }
+  Strings columns, fields;
+  // The column's field, "" for "-" or none.
+  std::string operator[](const std::string& column) const;
+  // The fields from this column on, without those that are "-".
+  Strings from(const std::string& column) const;
 };
-std::vector<Vector> vectors(const std::string& name);
-// Nothing in "" and in "-", which a vector file writes for nothing.
+// Every row of `file` a test in `suite`, run by `body`; called by VECTOR_TESTS.
+bool register_vector_tests(const char* suite, const char* file, std::function<void(const Row&)> body);
+#define WDS_CONCAT2(a, b) a##b
+#define WDS_CONCAT(a, b) WDS_CONCAT2(a, b)
+#define VECTOR_TESTS(suite, file, ...) \
+  [[maybe_unused]] static const bool WDS_CONCAT(vector_tests_, __LINE__) = register_vector_tests(suite, file, __VA_ARGS__)
+
+// Nothing in "" and in "-".
 Strings split(const std::string& text, const std::string& separator);
-// \r \n \t \0 \\ \xHH, and \*N followed by a character: that character N times.
+// Fields in the notation of decode/notation.h, with a shorthand for long runs on
+// top: in a text, \*N before a character or an escape repeats it N times;
+// in hex, a word XX*N repeats its bytes N times. A field that is not in the
+// notation fails the test.
 std::string unescape(const std::string& text);
-// "00 2D" is two bytes, "6E*3" three; blanks are ignored.
 std::string hex(const std::string& text);
 
 // The log's lines: a record without its prefix, its error suffix as " errno"
