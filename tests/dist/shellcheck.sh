@@ -1,7 +1,8 @@
 #!/bin/sh
 # SPDX-License-Identifier: ISC
-# shellcheck passes on every shell script shipped in dist/ (every file there
-# whose first line starts a POSIX shell), as the shell named there.
+# Every shell script shipped in dist/ (every file there
+# whose first line starts a POSIX shell) passes shellcheck, as the shell
+# named there.
 # Usage: shellcheck.sh DIST_DIR
 set -u
 scripts=$(grep -rlE '^#!/bin/sh( |$)' "$1" | sort)
