@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: ISC
-// wds-decode [--diagnose] [FILE]: a wds.log (or the simulator's device log)
-// made readable. Every record is printed as it is; each hex dump of a WDS
+// wds-decode [--diagnose] [FILE] | --version: a wds.log (or the simulator's
+// device log) made readable. Every record is printed as it is; each hex dump of a WDS
 // message becomes the message named with its fields. With --diagnose, a
 // timeline of bring-ups and calls and the fault signatures of the log
 // instead. Reads standard input without FILE.
@@ -14,13 +14,18 @@
 
 #include "decode/decode.h"
 #include "decode/diagnose.h"
+#include "wds_version.h"
 
 int main(int argc, char** argv) {
+  if (argc == 2 && strcmp(argv[1], "--version") == 0) {
+    printf("wds-decode %s\n", WDS_VERSION);
+    return 0;
+  }
   int first = 1;
   const bool diagnose = argc > 1 && strcmp(argv[1], "--diagnose") == 0;
   if (diagnose) ++first;
   if (argc - first > 1 || (argc - first == 1 && argv[first][0] == '-' && argv[first][1] != '\0')) {
-    fprintf(stderr, "usage: wds-decode [--diagnose] [FILE]\n");
+    fprintf(stderr, "usage: wds-decode [--diagnose] [FILE]\n       wds-decode --version\n");
     return 2;
   }
   std::ifstream file;

@@ -27,6 +27,7 @@
 #include "sim/tun_reader.h"
 #include "sim/wire_narrator.h"
 #include "sim/wds_model.h"
+#include "wds_version.h"
 
 namespace {
 
@@ -44,7 +45,8 @@ struct Options {
   fprintf(stderr,
           "wds-sim: %s\n"
           "usage: wds-sim --mode qmi|ndis --dir DIR [--device PATH] [--no-tun]\n"
-          "               [--ready-fd N] [--uevent-fd N] [--do 'COMMAND']...\n",
+          "               [--ready-fd N] [--uevent-fd N] [--do 'COMMAND']...\n"
+          "       wds-sim --version\n",
           why);
   exit(2);
 }
@@ -57,6 +59,10 @@ Options parse(int argc, char** argv) {
       if (i + 1 >= argc) usage(("missing value for " + a).c_str());
       return argv[++i];
     };
+    if (a == "--version") {
+      printf("wds-sim %s\n", WDS_VERSION);
+      exit(0);
+    }
     if (a == "--mode") o.mode = value();
     else if (a == "--device") o.device = value();
     else if (a == "--dir") o.dir = value();

@@ -5,11 +5,17 @@
 #include <string>
 
 #include "sim/control.h"
+#include "wds_version.h"
 
 int main(int argc, char** argv) {
+  if (argc == 2 && std::string(argv[1]) == "--version") {
+    printf("wds-simctl %s\n", WDS_VERSION);
+    return 0;
+  }
   if (argc < 3) {
     fprintf(stderr,
             "usage: wds-simctl DIR [sim|init] COMMAND...\n"
+            "       wds-simctl --version\n"
             "  DIR is the sandbox's exchange directory; commands go to the simulator\n"
             "  unless 'init' is given.\n");
     return 2;

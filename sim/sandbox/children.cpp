@@ -52,6 +52,7 @@ Children::Children(const Options& o) : o_(o) {
   // /dev and /proc are covered: the build may live below one.
   sim_exe_fd_ = open_program(o_.sim);
   if (!o_.daemon.empty()) daemon_exe_fd_ = open_program(o_.daemon);
+  if (!o_.supervisor.empty()) supervisor_exe_fd_ = open_program(o_.supervisor);
 }
 
 void Children::start_sim(int uevent_fd) {
@@ -106,20 +107,33 @@ void Children::start_sim(int uevent_fd) {
 
 void Children::start_daemon() {
   if (daemon_state_ == DaemonState::kRunning) throw sim::CommandError("daemon already running");
+  std::vector<std::string> args = {started()};
+  int exe_fd = daemon_exe_fd_;
+  if (!o_.supervisor.empty()) {
+    // The supervisor reaches the daemon by a path: a link to PID 1's
+    // descriptor of it, named as the daemon is on a gateway.
+    std::string daemon = std::string(kBinDir) + "/wdsd";
+    unlink(daemon.c_str());
+    check(symlink(("/proc/1/fd/" + std::to_string(daemon_exe_fd_)).c_str(), daemon.c_str()), "link " + daemon);
+    args.insert(args.end(), {"--daemon", daemon});
+    args.insert(args.end(), o_.supervisor_args.begin(), o_.supervisor_args.end());
+    exe_fd = supervisor_exe_fd_;
+  }
   pid_t pid = fork();
   if (pid < 0) throw std::runtime_error("fork failed");
   if (pid == 0) {
     reset_child_state();
     redirect_output("/run/sandbox/daemon.out");
     for (int fd = 3; fd < 1024; ++fd) {
-      if (fd != daemon_exe_fd_) close(fd);  // close-on-exec: gone once the daemon runs
+      if (fd != exe_fd) close(fd);  // close-on-exec: gone once the program runs
     }
     if (chdir("/") != 0) _exit(127);
     std::string path = std::string("PATH=") + kPath;
     char* envp[] = {path.data(), nullptr};
-    std::string argv0 = o_.daemon;
-    char* argv[] = {argv0.data(), nullptr};
-    execveat(daemon_exe_fd_, "", argv, envp, AT_EMPTY_PATH);
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    argv.push_back(nullptr);
+    execveat(exe_fd, "", argv.data(), envp, AT_EMPTY_PATH);
     _exit(127);
   }
   launcher_pid_ = pid;
@@ -148,7 +162,7 @@ std::string Children::describe() const {
 // binary (it may not have made itself a session leader yet). Zombies still
 // show these fields.
 pid_t Children::find_detached_daemon() const {
-  std::string want = o_.daemon.substr(o_.daemon.rfind('/') + 1).substr(0, 15);
+  std::string want = started().substr(started().rfind('/') + 1).substr(0, 15);
   pid_t best = 0;
   DIR* d = opendir(kRealProc);
   if (!d) return 0;

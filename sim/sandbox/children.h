@@ -3,7 +3,9 @@
 // The daemon detaches (its parent exits at once), so PID 1 finds the
 // detached process among its re-parented children and records its exit
 // status in the exchange directory (daemon.pid, daemon.exit); every reaped
-// process is listed in reaped.log.
+// process is listed in reaped.log. With a supervisor (--supervisor) it is the
+// supervisor that is started and recorded, as an init system would: it
+// stays in the foreground and runs the daemon, reached at /run/bin/wdsd.
 #pragma once
 #include <sys/types.h>
 
@@ -36,11 +38,14 @@ class Children {
  private:
   enum class DaemonState { kNotStarted, kRunning, kExited };
   pid_t find_detached_daemon() const;
+  // The supervisor when there is one, else the daemon.
+  const std::string& started() const { return o_.supervisor.empty() ? o_.daemon : o_.supervisor; }
   void daemon_ended(int status);
 
   const Options& o_;
   int sim_exe_fd_ = -1;
   int daemon_exe_fd_ = -1;
+  int supervisor_exe_fd_ = -1;
   pid_t sim_pid_ = -1;
   std::string sim_status_;
   pid_t launcher_pid_ = -1;

@@ -1,12 +1,8 @@
 // SPDX-License-Identifier: ISC
 #include "sim/sandbox/cms_peer.h"
 
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstddef>
@@ -19,6 +15,7 @@
 #include "sim/runtime.h"
 #include "sim/sandbox/files.h"
 #include "sim/sandbox/layout.h"
+#include "sim/sandbox/spawn.h"
 #include "sim/text.h"
 
 namespace sandbox {
@@ -32,34 +29,6 @@ constexpr uint32_t kDemandLinkReady = 0x3d02;
 // back only the host route: without this no later traffic reaches the
 // interface and no second demand call starts.
 constexpr char kDemandRouteCmd[] = "route add default gw 10.112.112.112";
-
-// Runs a command line through the shell, output discarded, and waits for it.
-// Returns its exit status, or -1 when it did not run to an exit.
-int run_shell(const char* cmd) {
-  posix_spawnattr_t attr;
-  posix_spawnattr_init(&attr);
-  sigset_t none, all;
-  sigemptyset(&none);
-  sigfillset(&all);
-  posix_spawnattr_setsigmask(&attr, &none);  // PID 1 blocks what its signalfd takes
-  posix_spawnattr_setsigdefault(&attr, &all);
-  posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-  posix_spawn_file_actions_t files;
-  posix_spawn_file_actions_init(&files);
-  posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&files, 1, "/dev/null", O_WRONLY, 0);
-  posix_spawn_file_actions_adddup2(&files, 1, 2);
-  std::string path = std::string("PATH=") + kPath;
-  const char* argv[] = {"/bin/sh", "-c", cmd, nullptr};
-  char* envp[] = {path.data(), nullptr};
-  pid_t pid;
-  int rc = posix_spawn(&pid, "/bin/sh", &files, &attr, const_cast<char**>(argv), envp);
-  posix_spawn_file_actions_destroy(&files);
-  posix_spawnattr_destroy(&attr);
-  int status = 0;
-  if (rc != 0 || waitpid(pid, &status, 0) != pid) return -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 
 }  // namespace
 
@@ -101,9 +70,8 @@ void CmsPeer::handle(const Message& m) {
   append_record(kBusLog, (m.sender.empty() ? "-" : sim::escape(m.sender)) + " " + type + " " + std::to_string(m.len) +
                             " " + (m.payload.empty() ? "-" : wdsdecode::hex(m.payload)));
   if (m.type == kDemandLinkReady && reinstall_demand_route_) {
-    int exit_status = run_shell(kDemandRouteCmd);
-    append_record(kPlatformLog, "cms 0x3d02: " + std::string(kDemandRouteCmd) + " (exit " +
-                                    std::to_string(exit_status) + ")");
+    std::string outcome = run_to_end({"/bin/sh", "-c", kDemandRouteCmd}, {std::string("PATH=") + kPath}, "/dev/null");
+    append_record(kPlatformLog, "cms 0x3d02: " + std::string(kDemandRouteCmd) + " (" + outcome + ")");
   }
 }
 

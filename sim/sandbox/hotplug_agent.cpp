@@ -12,6 +12,7 @@
 
 #include "sim/sandbox/files.h"
 #include "sim/sandbox/layout.h"
+#include "sim/sandbox/spawn.h"
 
 namespace sandbox {
 
@@ -19,14 +20,22 @@ namespace {
 
 // The daemon's re-initialisation request.
 constexpr int kReinitSignal = 38;
+// The integrator's handler, and what it printed.
+constexpr char kScriptPath[] = "/run/hotplug-handler";
+constexpr char kScriptOut[] = "/run/sandbox/hotplug.out";
+// The modem's tty as the kernel announces it.
+constexpr char kDevName[] = "qmitty0";
+constexpr char kDevPath[] = "/devices/platform/usb/usb1/1-1/1-1:1.2/tty/qmitty0";
 
 }  // namespace
 
-HotplugAgent::HotplugAgent(const std::string& ifname) : pid_path_("/var/wan/" + ifname + "/pid") {
+HotplugAgent::HotplugAgent(const std::string& ifname, const std::string& script)
+    : pid_path_("/var/wan/" + ifname + "/pid"), script_(!script.empty()) {
   int p[2];
   check(pipe2(p, O_CLOEXEC | O_NONBLOCK), "hotplug pipe");
   fd_ = p[0];
   sim_end_ = p[1];
+  if (script_) write_file(kScriptPath, script, 0755);
 }
 
 HotplugAgent::~HotplugAgent() {
@@ -54,6 +63,10 @@ void HotplugAgent::receive() {
 }
 
 void HotplugAgent::handle(const std::string& event) {
+  if (script_) {
+    run_script(event);
+    return;
+  }
   if (event != "add") {
     append_record(kPlatformLog, "hotplug " + event);
     return;
@@ -71,6 +84,15 @@ void HotplugAgent::handle(const std::string& event) {
   std::string what = "hotplug add: signal 38 to " + std::to_string(pid);
   if (kill(pid, kReinitSignal) != 0) what += std::string(" failed: ") + strerror(errno);
   append_record(kPlatformLog, what);
+}
+
+void HotplugAgent::run_script(const std::string& event) {
+  std::string outcome = run_to_end({kScriptPath},
+                                   {"ACTION=" + event, std::string("DEVPATH=") + kDevPath, "SUBSYSTEM=tty",
+                                    std::string("DEVNAME=") + kDevName, "MAJOR=250", "MINOR=0",
+                                    "SEQNUM=" + std::to_string(++seqnum_), "HOME=/", std::string("PATH=") + kPath},
+                                   kScriptOut);
+  append_record(kPlatformLog, "hotplug " + event + ": handler " + outcome);
 }
 
 }  // namespace sandbox

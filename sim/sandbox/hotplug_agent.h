@@ -8,7 +8,11 @@
 //   <monotonic µs> hotplug remove
 //   <monotonic µs> hotplug add: signal 38 to <pid>
 //   <monotonic µs> hotplug add: no daemon to tell (<why>)
-#pragma once
+// Given an integrator's handler (--hotplug-script) it runs that instead, for
+// every event, in the environment the kernel's event gives a hotplug handler
+// (ACTION, DEVPATH, SUBSYSTEM, DEVNAME, MAJOR, MINOR, SEQNUM), and waits for
+// it; its output goes to hotplug.out:
+//   <monotonic µs> hotplug add: handler exit N
 #include <string>
 
 namespace sandbox {
@@ -16,7 +20,8 @@ namespace sandbox {
 class HotplugAgent {
  public:
   // Throws std::runtime_error when the pipe cannot be made.
-  explicit HotplugAgent(const std::string& ifname);
+  // `script`: the content of the integrator's handler, or empty for ours.
+  HotplugAgent(const std::string& ifname, const std::string& script);
   ~HotplugAgent();
   HotplugAgent(const HotplugAgent&) = delete;
   HotplugAgent& operator=(const HotplugAgent&) = delete;
@@ -32,11 +37,14 @@ class HotplugAgent {
 
  private:
   void handle(const std::string& event);
+  void run_script(const std::string& event);
 
   std::string pid_path_;
   int fd_ = -1;
   int sim_end_ = -1;
   std::string pending_;  // a line not yet whole
+  bool script_ = false;
+  unsigned seqnum_ = 0;
 };
 
 }  // namespace sandbox

@@ -8,6 +8,7 @@
 
 #include "sim/sandbox/files.h"
 #include "sim/text.h"
+#include "wds_version.h"
 
 namespace sandbox {
 
@@ -30,7 +31,9 @@ constexpr char kDefaultProfile[] =
           "         [--mode qmi|ndis|none] [--chip TEXT] [--sim-mode qmi|ndis]\n"
           "         [--profile TEXT | --profile-file FILE | --no-profile] [--dial N]\n"
           "         [--sim-do 'COMMAND']... [--no-start] [--rw-root] [--no-tun]\n"
-          "         [--no-hotplug] [--no-cms-route]\n"
+          "         [--no-hotplug | --hotplug-script FILE] [--no-cms-route]\n"
+          "         [--supervisor PATH [--supervisor-arg ARG]...]\n"
+          "       wds-sandbox --version\n"
           "TEXT arguments take C escapes (\\n, \\r, \\xHH).\n",
           why.c_str());
   exit(2);
@@ -68,6 +71,13 @@ Options parse_options(int argc, char** argv) {
     else if (a == "--no-tun") o.no_tun = true;
     else if (a == "--no-hotplug") o.hotplug = false;
     else if (a == "--no-cms-route") o.cms_route = false;
+    else if (a == "--hotplug-script") o.hotplug_script = read_file(value());
+    else if (a == "--supervisor") o.supervisor = value();
+    else if (a == "--supervisor-arg") o.supervisor_args.push_back(value());
+    else if (a == "--version") {
+      printf("wds-sandbox %s\n", WDS_VERSION);
+      exit(0);
+    }
     else usage("unknown option " + a);
   }
   if (o.dir.empty()) usage("--dir is required");
@@ -92,8 +102,8 @@ Options parse_options(int argc, char** argv) {
     o.sim = s.substr(0, s.rfind('/') + 1) + "wds-sim";
   }
   if (o.start_daemon && o.daemon.empty()) usage("--daemon is required unless --no-start");
-  // Both are started from / inside.
-  for (std::string* path : {&o.daemon, &o.sim}) {
+  // All are started from / inside.
+  for (std::string* path : {&o.daemon, &o.sim, &o.supervisor}) {
     if (path->empty()) continue;
     char* abs = realpath(path->c_str(), nullptr);
     if (!abs) usage("cannot find " + *path);

@@ -24,6 +24,11 @@ struct Options {
   // The gateway's platform around the daemon; off shows the bare daemon.
   bool hotplug = true;    // signal 38 when the modem re-appears
   bool cms_route = true;  // "cms" reinstalls the demand default route on 0x3d02
+  std::string hotplug_script;  // content of an integrator's handler run in place of ours
+  // Started in place of the daemon, as an init system would, and given the
+  // daemon (--daemon /run/bin/wdsd) and these arguments.
+  std::string supervisor;
+  std::vector<std::string> supervisor_args;
   std::string ifname;
 };
 

@@ -22,6 +22,7 @@
 #include "sim/sandbox/hotplug_agent.h"
 #include "sim/sandbox/layout.h"
 #include "sim/sandbox/network.h"
+#include "sim/sandbox/syslog_peer.h"
 #include "sim/text.h"
 
 namespace sandbox {
@@ -58,9 +59,9 @@ void announce_ready(const Options& o) {
           host_pid.c_str());
 }
 
-// Until a termination signal or "shutdown": children, bus, hotplug events
-// (hotplug may be null) and commands.
-void serve(Children& children, CmsPeer& cms, HotplugAgent* hotplug, InitCommands& commands) {
+// Until a termination signal or "shutdown": children, bus, syslog, hotplug
+// events (hotplug may be null) and commands.
+void serve(Children& children, CmsPeer& cms, SyslogPeer& syslog, HotplugAgent* hotplug, InitCommands& commands) {
   sigset_t set;
   sigemptyset(&set);
   for (int s : {SIGCHLD, SIGTERM, SIGINT, SIGHUP}) sigaddset(&set, s);
@@ -68,11 +69,12 @@ void serve(Children& children, CmsPeer& cms, HotplugAgent* hotplug, InitCommands
   bool stopping = false;
   children.reap();
   while (!stopping && !commands.shutdown_requested()) {
-    pollfd fds[4] = {{sfd, POLLIN, 0},
+    pollfd fds[5] = {{sfd, POLLIN, 0},
                      {cms.fd(), POLLIN, 0},
                      {commands.wake_fd(), POLLIN, 0},
-                     {hotplug ? hotplug->fd() : -1, POLLIN, 0}};
-    if (poll(fds, 4, -1) < 0 && errno != EINTR) break;
+                     {hotplug ? hotplug->fd() : -1, POLLIN, 0},
+                     {syslog.fd(), POLLIN, 0}};
+    if (poll(fds, 5, -1) < 0 && errno != EINTR) break;
     if (fds[0].revents & POLLIN) {
       signalfd_siginfo si;
       while (read(sfd, &si, sizeof si) == sizeof si) {
@@ -83,6 +85,7 @@ void serve(Children& children, CmsPeer& cms, HotplugAgent* hotplug, InitCommands
     if (fds[1].revents & POLLIN) cms.receive();
     if (fds[2].revents & POLLIN) commands.answer_waiting();
     if (fds[3].revents) hotplug->receive();
+    if (fds[4].revents & POLLIN) syslog.receive();
   }
 }
 
@@ -91,6 +94,7 @@ void serve(Children& children, CmsPeer& cms, HotplugAgent* hotplug, InitCommands
 int run_pid1(const Options& o, int exchange_fd) {
   std::unique_ptr<Children> children;
   std::unique_ptr<CmsPeer> cms;
+  std::unique_ptr<SyslogPeer> syslog;
   std::unique_ptr<HotplugAgent> hotplug;
   std::unique_ptr<InitCommands> commands;
   try {
@@ -98,7 +102,8 @@ int run_pid1(const Options& o, int exchange_fd) {
     prepare_filesystems(o);
     prepare_network();
     cms = std::make_unique<CmsPeer>(o.cms_route);
-    if (o.hotplug) hotplug = std::make_unique<HotplugAgent>(o.ifname);
+    syslog = std::make_unique<SyslogPeer>();
+    if (o.hotplug) hotplug = std::make_unique<HotplugAgent>(o.ifname, o.hotplug_script);
     children->start_sim(hotplug ? hotplug->sim_end() : -1);
     if (hotplug) hotplug->close_sim_end();
     if (o.start_daemon) children->start_daemon();
@@ -109,7 +114,7 @@ int run_pid1(const Options& o, int exchange_fd) {
     return 1;
   }
   announce_ready(o);
-  serve(*children, *cms, hotplug.get(), *commands);
+  serve(*children, *cms, *syslog, hotplug.get(), *commands);
   // Files of /var die with the namespace: keep a copy for the test.
   mkdir((std::string(kExchange) + "/final").c_str(), 0755);
   copy_tree("/var/log", std::string(kExchange) + "/final/log");

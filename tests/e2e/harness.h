@@ -92,6 +92,12 @@ struct SandboxOptions {
   std::optional<std::string> profile{};
   bool no_profile = false;
   std::optional<int> dial{};       // initial content "N\n" of the dial file
+  // An integrator's hotplug handler (a host file) run in place of ours.
+  std::string hotplug_script{};
+  // The daemon started by wdsd-supervise, as an init system would, with these
+  // arguments; the sandbox's "daemon" is then the supervisor.
+  bool supervised = false;
+  std::vector<std::string> supervisor_args{};
   std::vector<std::string> sim{};  // simulator commands run before the daemon starts
   bool start_daemon = true;
   // The platform's hotplug handler, which sends signal 38 when the modem
@@ -148,6 +154,9 @@ class Sandbox {
     if (opts_.dial) option("--dial", std::to_string(*opts_.dial) + "\\n");
     for (const auto& c : opts_.sim) option("--sim-do", c);
     if (!opts_.hotplug) command += " --no-hotplug";
+    if (!opts_.hotplug_script.empty()) option("--hotplug-script", opts_.hotplug_script);
+    if (opts_.supervised) option("--supervisor", WDS_E2E_SUPERVISOR_PATH);
+    for (const auto& a : opts_.supervisor_args) option("--supervisor-arg", a);
     // In the background: the shell leaves at once and, as a subreaper, we
     // inherit the runner.
     runner_pid_ = std::stoi(shell(command + " > " + exchange("sandbox.out") + " 2>&1 & echo $!"));
