@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: ISC
 // wds-replay [--plan] [--daemon PATH] [--profile TEXT | --profile-file FILE]
-//            [--keep DIR] [--limit SECONDS] LOG
+//            [--keep DIR] [--limit SECONDS] LOG | --version
 // Replays a wds.log against the simulated modem: the unchanged daemon runs
 // in a sandbox, the simulator answers it from the log, the dial requests and
 // signals the log implies are given where it shows them. Prints the replayed
@@ -21,6 +21,7 @@
 #include "replay/conductor.h"
 #include "replay/plan.h"
 #include "replay/report.h"
+#include "wds_version.h"
 
 namespace {
 
@@ -28,7 +29,8 @@ namespace {
   fprintf(stderr,
           "wds-replay: %s\n"
           "usage: wds-replay [--plan] [--daemon PATH] [--profile TEXT | --profile-file FILE]\n"
-          "                  [--keep DIR] [--limit SECONDS] LOG\n",
+          "                  [--keep DIR] [--limit SECONDS] LOG\n"
+          "       wds-replay --version\n",
           why.c_str());
   exit(2);
 }
@@ -50,6 +52,10 @@ std::string beside_me(const std::string& relative) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc == 2 && strcmp(argv[1], "--version") == 0) {
+    printf("wds-replay %s\n", WDS_VERSION);
+    return 0;
+  }
   replay::PlanOptions plan_options;
   replay::RunOptions run;
   std::string log_path, keep;
