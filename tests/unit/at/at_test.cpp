@@ -211,7 +211,6 @@ TEST(At, WaitWmReadyOpensTheTtyRaw) {
   testing::internal::CaptureStdout();
   free_fd0();  // the port on descriptor 0
   EXPECT_EQ(wait_wm_ready(), 0);
-  fill_fd0();
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "wait_wm_ready:Ndis tty is opened successfully\n");
   umount2("/dev", MNT_DETACH);
   EXPECT_EQ(read_file("/var/log/ppp_state"), "(none)");
@@ -221,6 +220,13 @@ TEST(At, WaitWmReadyOpensTheTtyRaw) {
   EXPECT_EQ(now.c_oflag, 0u);
   EXPECT_EQ(now.c_lflag, cooked.c_lflag & ~tcflag_t{0x5a});
   EXPECT_EQ(now.c_cc[VMIN], 3);
+  // A daemon started with its standard input closed holds the port on 0:
+  // closing the port must close that descriptor too.
+  EXPECT_EQ(g_at_fd, 0);
+  EXPECT_EQ(at_port_close(), 0);
+  EXPECT_EQ(g_at_fd, -1);
+  EXPECT_LT(fcntl(0, F_GETFD), 0);
+  fill_fd0();
   close(slave);
   close(master);
 }
