@@ -13,6 +13,7 @@
 #include "log/internal.h"
 #include "log/log.h"
 #include "qmi/internal.h"
+#include "qmi/qmi.h"
 
 namespace {
 
@@ -27,7 +28,7 @@ const uint8_t kRuntimeBlock[] = {
 };
 
 void BM_ParseRuntimeBlock(benchmark::State& state) {
-  const qmi_expect expect = {0x02, 3, 0x002D};
+  const qmi_expect expect = {kQmiCtlResponse, 3, kWdsRuntimeSettings};
   for (auto _ : state) {
     int verdict = parse_msg(kRuntimeBlock, &expect, sizeof kRuntimeBlock);
     benchmark::DoNotOptimize(verdict);

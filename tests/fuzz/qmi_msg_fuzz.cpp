@@ -6,14 +6,18 @@
 #include <cstdint>
 
 #include "qmi/internal.h"
+#include "qmi/qmi.h"
 
 namespace {
-constexpr uint16_t kAwaited[] = {0x0000, 0x0002, 0x0020, 0x0021, 0x0022, 0x002D, 0x0001};
+// The identifiers the daemon awaits, and one it never asks for.
+constexpr uint16_t kUnknownId = 0x0001;
+constexpr uint16_t kAwaited[] = {kWdsReset,         kWdsAbort,           kWdsStartNetwork, kWdsStopNetwork,
+                                 kWdsPktSrvcStatus, kWdsRuntimeSettings, kUnknownId};
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 2 || size - 2 > 0x7fffffff) return 0;
-  const qmi_expect expect = {static_cast<uint8_t>((data[0] & 1) != 0 ? 0x04 : 0x02), 1,
+  const qmi_expect expect = {(data[0] & 1) != 0 ? kQmiCtlIndication : kQmiCtlResponse, 1,
                              kAwaited[data[1] % (sizeof kAwaited / sizeof kAwaited[0])]};
   connection_status = 1;
   reconfiguration_flag = 0;
