@@ -221,8 +221,13 @@ TEST(At, WaitWmReadyOpensTheTtyRaw) {
   EXPECT_EQ(now.c_lflag, cooked.c_lflag & ~tcflag_t{0x5a});
   EXPECT_EQ(now.c_cc[VMIN], 3);
   // A daemon started with its standard input closed holds the port on 0:
-  // closing the port must close that descriptor too.
+  // the probe works there, and closing the port closes that descriptor.
   EXPECT_EQ(g_at_fd, 0);
+  ASSERT_EQ(write(master, "\r\nOK\r\n", 6), 6);
+  EXPECT_EQ(at_probe_ok(), 0);
+  char probe[8] = {};
+  EXPECT_EQ(read(master, probe, sizeof probe), 3);
+  EXPECT_STREQ(probe, "at\r");
   EXPECT_EQ(at_port_close(), 0);
   EXPECT_EQ(g_at_fd, -1);
   EXPECT_LT(fcntl(0, F_GETFD), 0);

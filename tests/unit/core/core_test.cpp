@@ -235,4 +235,16 @@ void run_row(const Row& row) {
 VECTOR_TESTS("Core", "core/files.vec", run_row);
 VECTOR_TESTS("Core", "core/calls.vec", run_row);
 
+// What the driver says of itself, on standard output as the supervisor's log
+// shows it: tun answers as driver "tun" 1.6 on bus "tun".
+TEST(Core, TheDriverProbeReportsTheDriverOnStandardOutput) {
+  if (!tun_answers_drvinfo()) GTEST_SKIP() << "no driver-information request on this machine";
+  fresh("");
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(with_tun(g_acIfname, [] { return static_cast<int>(wds_probe_usbnet_driver()); }), 1);
+  fflush(stdout);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "\nusbnet info :\ncmd\t = 3\ndrv\t = tun\nver\t = 1.6\nfm ver\t = \nbus info = tun\n\n===>ioctl socket rmnet0 ok");
+}
+
 }  // namespace
