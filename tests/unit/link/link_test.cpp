@@ -3,6 +3,9 @@
 // messages of the set-up, configuration and teardown; /proc/net/dev lines;
 // the demand check's steps.
 #include <fcntl.h>
+#include <linux/if_tun.h>
+#include <net/if.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -105,6 +108,24 @@ VECTOR_TESTS("Link", "link/netdev.vec", [](const Row& row) {
            t.tx_bytes, t.tx_packets, t.tx_errs, t.tx_drop);
   EXPECT_EQ(got, row["counters"]);
 });
+
+// The driver's private request goes to the interface it names: tun has no
+// private requests and refuses it; a name that is no interface is not found.
+TEST(Link, TheDriversPrivateRequestReachesTheNamedInterface) {
+  const int tun = open("/dev/net/tun", O_RDWR | O_CLOEXEC);
+  ifreq request = {};
+  request.ifr_flags = IFF_TUN | IFF_NO_PI;
+  snprintf(request.ifr_name, sizeof request.ifr_name, "wds-private");
+  ASSERT_EQ(ioctl(tun, TUNSETIFF, &request), 0) << "no tun";
+  EXPECT_EQ(usbnet_private_probe("wds-private"), -1);
+  const int refused = errno;
+  EXPECT_EQ(usbnet_private_probe("wds-nowhere"), -1);
+  const int not_found = errno;
+  close(tun);
+  if (refused == ENOSYS) GTEST_SKIP() << "no private interface requests on this machine";
+  EXPECT_EQ(refused, EOPNOTSUPP);
+  EXPECT_EQ(not_found, ENODEV);
+}
 
 TEST(Link, TrafficReadersRefuseMissingArguments) {
   dev_traffic t;
