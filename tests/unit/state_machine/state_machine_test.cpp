@@ -60,10 +60,12 @@ namespace {
 
 constexpr const char* kStates[] = {"init", "ready", "connecting", "connected", "disconnected", "idle", "exit"};
 int g_seconds, g_ret;  // g_ret: what the last action that returns something returned
+std::string g_pauses;  // the seconds each plain sleep asked for, in order
 std::string g_path;  // the states a walk went through, after the one it started from
 
 const Vars kVars = {
     Var{"path", [] { return g_path; }, nullptr}, NUM_VAR("seconds", g_seconds), NUM_VAR("ret", g_ret),
+    Var{"pauses", [] { return g_pauses; }, nullptr},
     NUM_VAR("dial", g_dial),        NUM_VAR("connected", g_connected),   NUM_VAR("lost", g_link_lost),
     NUM_VAR("idle_timeout", g_idle_timeout), NUM_VAR("ndis", g_ndis_mode), NUM_VAR("marked", ndis_ctx.connected),
     NUM_VAR("demand", g_demand_dial), NUM_VAR("reinit", g_reinit_req),  NUM_VAR("tick", g_tick),
@@ -112,6 +114,18 @@ void fresh(const std::string& values) {
 }
 
 // In 20 ms a signal whose handler does nothing ends a pause or wait of the step.
+}  // namespace
+
+// A plain pause is recorded and still taken: the signal of a walk's step
+// ends it.
+extern "C" unsigned __real_sleep(unsigned seconds);
+extern "C" unsigned __wrap_sleep(unsigned seconds) {
+  g_pauses += (g_pauses.empty() ? "" : ",") + std::to_string(seconds);
+  return __real_sleep(seconds);
+}
+
+namespace {
+
 void wake_soon() {
   signal(SIGALRM, [](int) {});
   const itimerval once = {{0, 0}, {0, 20 * 1000}};
@@ -144,6 +158,7 @@ void act(const std::string& action) {
 // Actions "; " apart, then the fakes' calls and the log's records.
 VECTOR_TESTS("StateMachine", "state_machine/steps.vec", [](const Row& row) {
   fresh(row["before"]);
+  g_pauses.clear();
   const auto start = std::chrono::steady_clock::now();
   for (const std::string& action : split(row["actions"], "; ")) act(action);
   g_seconds = static_cast<int>((std::chrono::steady_clock::now() - start) / std::chrono::seconds(1));
