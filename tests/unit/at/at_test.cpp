@@ -261,7 +261,8 @@ TEST(At, MissingArgumentsAreRefused) {
       [] { return ndis_get_ipv6cap(nullptr); },          [] { return parse_dhcp_reply(nullptr, &g_record); },
       [] { return parse_dhcp_reply("^DHCP: 1,2,3,4,5,6", nullptr); }, [] { return parse_ipv6cap_reply("^IPV6CAP: 1", nullptr); },
       [] { return parse_ipv6cap_reply(nullptr, &g_cap); }, [] { return read_small_file(nullptr, g_text); },
-      [] { return read_small_file("/var/log/wds.log", nullptr); }};
+      [] { return read_small_file("/var/log/wds.log", nullptr); }, [] { return at_echo_off(nullptr); },
+      [] { return at_enable_cme_errors(nullptr); }};
   for (size_t i = 0; i < calls.size(); ++i) EXPECT_EQ(calls[i](), -1) << "call " << i;
   EXPECT_EQ(err, 5);
   EXPECT_EQ(log_texts(), Strings(2, "path or tty_fd is null. errno"));
