@@ -186,6 +186,13 @@ bool tun_answers_drvinfo() {
   return answered;
 }
 
+// Digits left on the stack below the caller, where the reader's buffer will
+// be: a byte it reads beyond what the file gave shows as a request.
+[[gnu::noinline]] void paint_stack() {
+  volatile char area[4096];
+  for (auto& byte : area) byte = '7';
+}
+
 // The operation against the scripted modem, QMI in hex or AT as text; what
 // the daemon wrote, QMI as the messages' identifiers. No operation leaves a
 // descriptor open.
@@ -198,7 +205,7 @@ void run_row(const Row& row) {
   if (op.find("tun") != std::string::npos && !tun_answers_drvinfo()) GTEST_SKIP() << "no driver-information request on this machine";
   const std::string wan = std::string("/var/wan/") + g_acIfname + "/";
   const std::map<std::string, std::function<int()>> ops = {
-      {"dial", [&] { write_file(wan + "dial", arg); return wds_dial_read(); }},
+      {"dial", [&] { write_file(wan + "dial", arg); paint_stack(); return wds_dial_read(); }},
       {"profile", [&] { write_file(wan + "config", arg); return get_curr_profile(); }},
       {"no_profile", get_curr_profile},  {"take", [] { wds_dial_take_request(); return 0; }},
       {"status", [&] { return wds_status_write(std::stoi(arg)); }},
