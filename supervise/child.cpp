@@ -21,18 +21,28 @@ constexpr long kMaxDescriptors = 65536;
 struct successor_query {
   pid_t self, ended;
   uint64_t latest_start;  // ticks
+  pid_t best;
+  uint64_t best_start;
 };
 
-// A live child of ours, other than the one that ended, started within the
-// detach window; the youngest is the end of the chain.
+// The youngest child of ours, other than the one that ended, started within
+// the detach window: the end of the chain. It may have ended already (a
+// supervisor held up long enough sees the whole chain as zombies): it is
+// still the daemon, and its status the one to report.
 pid_t find_successor(const supervised* sv, pid_t ended) {
-  successor_query q = {getpid(), ended, sv->launch_ticks + kDetachWindowMs * sysconf(_SC_CLK_TCK) / 1000};
-  return proc_find(
+  successor_query q = {getpid(), ended, sv->launch_ticks + kDetachWindowMs * sysconf(_SC_CLK_TCK) / 1000, 0, 0};
+  proc_find(
       [](void* ctx, pid_t pid, const proc_info& p) {
-        const auto* q = static_cast<const successor_query*>(ctx);
-        return p.ppid == q->self && pid != q->ended && p.state != 'Z' && p.start_ticks <= q->latest_start;
+        auto* q = static_cast<successor_query*>(ctx);
+        if (p.ppid != q->self || pid == q->ended || p.start_ticks > q->latest_start) return false;
+        if (q->best == 0 || p.start_ticks > q->best_start || (p.start_ticks == q->best_start && pid > q->best)) {
+          q->best = pid;
+          q->best_start = p.start_ticks;
+        }
+        return false;  // every child looked at
       },
       &q);
+  return q.best;
 }
 
 void close_descriptors_from(int first, int keep) {

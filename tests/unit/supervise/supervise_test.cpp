@@ -263,7 +263,7 @@ TEST(Proc, ANameWithBlanksAndParenthesesAndTheCaughtSignals) {
 
 // Runs `script` as the daemon and reaps until it ends; *launcher is the
 // process started.
-supervised run_daemon(const std::string& script, pid_t* launcher) {
+supervised run_daemon(const std::string& script, pid_t* launcher, std::chrono::milliseconds first_look = 0ms) {
   write_file("/var/daemon.sh", "#!/bin/sh\n" + script + "\n");
   chmod("/var/daemon.sh", 0755);
   int out = open("/dev/null", O_WRONLY | O_CLOEXEC), lock = open("/var/daemon.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
@@ -272,6 +272,7 @@ supervised run_daemon(const std::string& script, pid_t* launcher) {
   *launcher = sv.pid;
   close(out);
   close(lock);
+  std::this_thread::sleep_for(first_look);
   for (auto deadline = std::chrono::steady_clock::now() + 20s; !sv.ended && std::chrono::steady_clock::now() < deadline;) {
     child_reap(&sv);
     std::this_thread::sleep_for(5ms);
@@ -286,11 +287,15 @@ TEST(Child, TheDaemonIsFollowedThroughItsDetachingAndItsEndIsTheOneReported) {
     const char* script;
     int status;  // child_exit_status
     bool followed;
+    std::chrono::milliseconds first_look = 0ms;
   } cases[] = {
       {"no detaching", "exit 5", 5, false},
       {"one fork, as glibc's daemon()", "sh -c 'sleep 0.3; exit 3' & exit 0", 3, true},
       {"two forks, as musl's", "sh -c 'sh -c \"sleep 0.3; exit 4\" & exit 0' & exit 0", 4, true},
       {"killed", "sh -c 'sleep 0.3; kill -9 $$' & exit 0", 137, true},
+      // A supervisor held up until the whole chain has ended still reports
+      // the daemon's end, not the launcher's.
+      {"two forks, all ended before the first look", "sh -c 'sh -c \"exit 6\" & exit 0' & exit 0", 6, true, 1000ms},
       // Started after the detaching window, a process left behind is one of
       // the daemon's own (a command runner's waiter), not the daemon.
       {"a child left behind later", "sh -c 'sleep 3; sleep 30 & exit 0' & exit 0", 0, true},
@@ -298,7 +303,7 @@ TEST(Child, TheDaemonIsFollowedThroughItsDetachingAndItsEndIsTheOneReported) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     pid_t launcher = 0;
-    supervised sv = run_daemon(c.script, &launcher);
+    supervised sv = run_daemon(c.script, &launcher, c.first_look);
     ASSERT_TRUE(sv.ended);
     EXPECT_EQ(child_exit_status(&sv), c.status);
     EXPECT_EQ(sv.pid != launcher, c.followed);
