@@ -9,6 +9,7 @@
 #include <net/if.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -241,6 +242,22 @@ void run_row(const Row& row) {
 }
 VECTOR_TESTS("Core", "core/files.vec", run_row);
 VECTOR_TESTS("Core", "core/calls.vec", run_row);
+
+// Without a free descriptor the probe cannot ask, and says so.
+TEST(Core, TheDriverProbeWithoutAFreeDescriptorSaysSo) {
+  fresh("");
+  rlimit saved = {};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+  testing::internal::CaptureStdout();
+  rlimit none = saved;
+  none.rlim_cur = 0;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  const bool answered = wds_probe_usbnet_driver();
+  setrlimit(RLIMIT_NOFILE, &saved);
+  fflush(stdout);
+  EXPECT_FALSE(answered);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "\nget usbnet state : create socket error.\n");
+}
 
 // What the driver says of itself, on standard output as the supervisor's log
 // shows it: tun answers as driver "tun" 1.6 on bus "tun".

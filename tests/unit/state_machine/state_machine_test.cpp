@@ -167,6 +167,17 @@ VECTOR_TESTS("StateMachine", "state_machine/steps.vec", [](const Row& row) {
   EXPECT_EQ(log_texts(), row.from("log"));
 });
 
+// The daemon's pause: a select that times out ends it at once, also with an
+// EINTR left in errno by an earlier call, and says nothing.
+TEST(Sleep, APauseEndsWhenItsTimeIsUpWhateverErrnoHeld) {
+  for (const int stale : {0, EINTR}) {
+    fresh("");
+    errno = stale;
+    EXPECT_EQ(msleep(10), 0);
+    EXPECT_EQ(log_texts(), Strings{}) << "errno " << stale;
+  }
+}
+
 // The way out: the call hung up in its mode and torn down, the pid file
 // removed, exit status 0.
 TEST(StateMachine, ExitPath) {
