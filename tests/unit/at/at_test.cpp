@@ -262,7 +262,8 @@ TEST(At, MissingArgumentsAreRefused) {
       [] { return parse_dhcp_reply("^DHCP: 1,2,3,4,5,6", nullptr); }, [] { return parse_ipv6cap_reply("^IPV6CAP: 1", nullptr); },
       [] { return parse_ipv6cap_reply(nullptr, &g_cap); }, [] { return read_small_file(nullptr, g_text); },
       [] { return read_small_file("/var/log/wds.log", nullptr); }, [] { return at_echo_off(nullptr); },
-      [] { return at_enable_cme_errors(nullptr); },     [] { int e = 0; return at_write_command(nullptr, &e); }};
+      [] { return at_enable_cme_errors(nullptr); },     [] { int e = 0; return at_write_command(nullptr, &e); },
+      [] { int e = 0; return at_wait_response(nullptr, &e); },  [] { at_request r = {}; return at_wait_response(&r, nullptr); }};
   for (size_t i = 0; i < calls.size(); ++i) EXPECT_EQ(calls[i](), -1) << "call " << i;
   EXPECT_EQ(err, 5);
   EXPECT_EQ(log_texts(), Strings(2, "path or tty_fd is null. errno"));
