@@ -101,6 +101,7 @@ void fresh(const std::string& values) {
   qmi_event_ring_reset();
   fake = {};
   g_path.clear();
+  g_pauses.clear();
   g_ret = -9;
   fake.srv_status = 2;
   g_connection_status_rsp = 1;
@@ -113,7 +114,6 @@ void fresh(const std::string& values) {
   set_vars(kVars, values);
 }
 
-// In 20 ms a signal whose handler does nothing ends a pause or wait of the step.
 }  // namespace
 
 // A plain pause is recorded and still taken: the signal of a walk's step
@@ -126,6 +126,7 @@ extern "C" unsigned __wrap_sleep(unsigned seconds) {
 
 namespace {
 
+// In 20 ms a signal whose handler does nothing ends a pause or wait of the step.
 void wake_soon() {
   signal(SIGALRM, [](int) {});
   const itimerval once = {{0, 0}, {0, 20 * 1000}};
@@ -158,7 +159,6 @@ void act(const std::string& action) {
 // Actions "; " apart, then the fakes' calls and the log's records.
 VECTOR_TESTS("StateMachine", "state_machine/steps.vec", [](const Row& row) {
   fresh(row["before"]);
-  g_pauses.clear();
   const auto start = std::chrono::steady_clock::now();
   for (const std::string& action : split(row["actions"], "; ")) act(action);
   g_seconds = static_cast<int>((std::chrono::steady_clock::now() - start) / std::chrono::seconds(1));
